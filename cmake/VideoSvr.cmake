@@ -1,0 +1,52 @@
+# Compiler options and the two ways to add a target: vs_library() for a layer, vs_test() for tests.
+
+option(VS_DAEMON "build what needs third-party libraries: the daemon, camctl, board tests" ON)
+set(VS_SANITIZE "" CACHE STRING "value of -fsanitize, empty for none")
+
+add_library(vs_options INTERFACE)
+target_compile_features(vs_options INTERFACE cxx_std_17)
+target_compile_options(vs_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror
+                                            -fno-strict-aliasing)
+# The same 64-bit time and file offsets on every target.
+target_compile_definitions(vs_options INTERFACE _FILE_OFFSET_BITS=64 _TIME_BITS=64 _GNU_SOURCE)
+set(CMAKE_CXX_EXTENSIONS OFF)
+find_package(Threads REQUIRED)
+target_link_libraries(vs_options INTERFACE Threads::Threads)
+
+if(VS_SANITIZE)
+  add_compile_options(-fsanitize=${VS_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${VS_SANITIZE})
+  if(VS_SANITIZE STREQUAL "thread")
+    add_compile_options(-Wno-tsan)  # it warns of fences; the code that uses them says how it copes
+  endif()
+endif()
+
+# vs_library(NAME SOURCES file... LINKS library...): a layer of the daemon. It may use the platform's
+# headers and the libraries named, and nothing else: linkcheck_NAME links the whole archive with just
+# those and the platform, so that a reference to a higher layer does not build.
+function(vs_library name)
+  cmake_parse_arguments(LIB "" "" "SOURCES;LINKS" ${ARGN})
+  add_library(${name} STATIC ${LIB_SOURCES})
+  target_link_libraries(${name} PUBLIC platform ${LIB_LINKS})
+  set_property(GLOBAL APPEND PROPERTY VS_LAYERS ${name})
+  if(VS_DAEMON)
+    add_executable(linkcheck_${name} ${PROJECT_SOURCE_DIR}/cmake/linkcheck.cpp)
+    target_link_options(linkcheck_${name} PRIVATE
+                        -Wl,--whole-archive $<TARGET_FILE:${name}> -Wl,--no-whole-archive)
+    target_link_libraries(linkcheck_${name} PRIVATE ${LIB_LINKS} platform_linux)
+    add_dependencies(linkcheck_${name} ${name})
+  endif()
+endfunction()
+
+# vs_test(NAME SOURCES file... LINKS library... [LABELS label...]): a GoogleTest program, one CTest test
+# per test case, each in a process of its own.
+function(vs_test name)
+  cmake_parse_arguments(TEST "" "TIMEOUT" "SOURCES;LINKS;LABELS" ${ARGN})
+  if(NOT TEST_TIMEOUT)
+    set(TEST_TIMEOUT 300)
+  endif()
+  add_executable(${name} ${TEST_SOURCES})
+  target_link_libraries(${name} PRIVATE platform ${TEST_LINKS} gmock_main)
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
+                       PROPERTIES LABELS "${TEST_LABELS}" TIMEOUT ${TEST_TIMEOUT})
+endfunction()
