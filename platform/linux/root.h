@@ -1,0 +1,13 @@
+// Where the camera's file tree begins: "/" on a camera, a folder for tools that look into a board.
+#pragma once
+
+#include <string>
+
+// The prefix of every absolute path that the platform opens; empty on a camera.
+const std::string& platformRoot();
+
+// Sets the prefix, once, before any other call of the platform. Main thread.
+void setPlatformRoot(std::string root);
+
+// Returns `path` below the prefix.
+std::string rooted(const char* path);
