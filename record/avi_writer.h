@@ -1,0 +1,44 @@
+// Gathers MPEG-4 key frames for recorders.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "record/writer.h"
+
+// Puts the chunks of each MPEG-4 key frame together behind the stream header and publishes the
+// whole when the next picture starts. Predicted frames never reach "video2".
+// Thread: the capture thread, but for the client list.
+class TAviWriter : public TWriter {
+ public:
+  static constexpr long kHeaderBytes = 20;
+
+  TAviWriter();
+  ~TAviWriter() override;
+
+  // Takes one chunk. `type`: 'I' starts a key frame, 'i' continues it, 'P' starts and 'p' continues
+  // a predicted frame. Returns the gathered length, 0 while no client is registered.
+  // Logs 1 "TAviWriter::write() IPE" when a continuation finds nothing to continue.
+  long write(const char* data, long length, const TDateTime& time, char type) override;
+
+  // Appends `length` bytes to the gathered frame.
+  // What does not fit is counted but not copied, so that the frame is refused when it is complete,
+  // and logs 3 "TAviWriter::add() video2 buffer overflow p:%ld, c:%ld".
+  void add(const char* data, long length);
+
+  // The kHeaderBytes bytes of MPEG-4 stream header that every frame begins with, to be filled by
+  // the camera whenever the header changes; zeros at first. Valid as long as the writer.
+  char* headerBlock() { return header_; }
+
+ private:
+  bool reserve(long usable);
+  void flush(const TDateTime& time);
+
+  char header_[kHeaderBytes] = {};
+  std::unique_ptr<char[]> frame_;  // header block and gathered data; null until "video2" is there
+  long capacity_ = 0;              // of the gathered data in `frame_`
+  std::int32_t gathered_ = 0;      // bytes behind the header block, copied or not; saturates
+};
+
+// Returns the one AVI writer of the process. Any thread.
+TAviWriter* aviWriter();
