@@ -1,0 +1,3 @@
+#!/bin/sh
+# Mounts (start) or unmounts (stop) the Samba share at /smb; a board has none.
+exec /sbin/boardlog smb.sh "$@"

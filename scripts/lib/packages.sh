@@ -1,0 +1,52 @@
+# shellcheck shell=bash
+# Installation of what a script needs from the distribution; sourced.
+
+# missing_packages PACKAGE...: those that are not installed, one a line.
+missing_packages() {
+  local package
+  for package; do
+    if [ "$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null)" != installed ]; then
+      echo "$package"
+    fi
+  done
+}
+
+# as_root COMMAND...: runs it as root, by sudo where need be. Fails where that is not possible.
+as_root() {
+  if [ "$(id -u)" -eq 0 ]; then
+    "$@"
+  elif ! command -v sudo >/dev/null; then
+    return 1
+  elif [ -t 0 ]; then
+    sudo "$@"
+  else
+    sudo -n "$@"  # nobody is there to type a password
+  fi
+}
+
+# need_packages PACKAGE...: installs what is missing, as root or by sudo. Where that fails it says
+# which packages are missing and ends the script with status 1.
+need_packages() {
+  local missing
+  if ! command -v dpkg-query >/dev/null; then
+    echo "This is no Debian system: make sure that it has what these packages of Debian hold:" >&2
+    echo "  $*" >&2
+    return
+  fi
+  mapfile -t missing < <(missing_packages "$@")
+  [ ${#missing[@]} -gt 0 ] || return 0
+  echo "Installing ${missing[*]}"
+  # A failed update is no reason to give up: the lists that are there may do.
+  as_root apt-get -qq update || true
+  as_root env DEBIAN_FRONTEND=noninteractive \
+    apt-get -qq -y --no-install-recommends install "${missing[@]}" >/dev/null || true
+  mapfile -t missing < <(missing_packages "$@")
+  [ ${#missing[@]} -gt 0 ] || return 0
+  {
+    echo "These packages are missing and can't be installed:"
+    printf '  %s\n' "${missing[@]}"
+    echo "Install them as root, then start again:"
+    echo "  apt-get install ${missing[*]}"
+  } >&2
+  exit 1
+}
