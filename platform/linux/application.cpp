@@ -1,0 +1,5 @@
+#include "platform/application.h"
+
+int TApplication::argc = 0;
+char** TApplication::argv = nullptr;
+Relaxed<bool> TApplication::stopped;

@@ -1,0 +1,100 @@
+#include "platform/os.h"
+
+#include <signal.h>
+#include <spawn.h>
+#include <sys/ioctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <limits>
+
+#include "platform/linux/thread_access.h"
+
+namespace {
+
+constexpr mode_t kFileMode = 0640;
+constexpr std::int64_t kUsPerSecond = 1000000;
+
+// Starts a system call over as long as signals interrupt it.
+template <typename Call>
+auto retry(Call call) {
+  auto result = call();
+  while (result == -1 && errno == EINTR) result = call();
+  return result;
+}
+
+// Starts `/bin/sh -c command`. Returns its process id, -1 when it could not be started.
+pid_t startShell(const char* command) {
+  posix_spawnattr_t attributes;
+  posix_spawn_file_actions_t actions;
+  if (posix_spawnattr_init(&attributes) != 0) return -1;
+  posix_spawn_file_actions_init(&actions);
+  sigset_t none;
+  sigset_t all;
+  sigemptyset(&none);
+  sigfillset(&all);
+  posix_spawnattr_setsigmask(&attributes, &none);
+  posix_spawnattr_setsigdefault(&attributes, &all);  // an ignored SIGPIPE would outlive exec
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+  // Ours close on exec; this is for what libraries have opened.
+  posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
+  const char* const arguments[] = {"sh", "-c", command, nullptr};
+  pid_t child = -1;
+  const int error = posix_spawn(&child, "/bin/sh", &actions, &attributes,
+                                const_cast<char* const*>(arguments), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  posix_spawnattr_destroy(&attributes);
+  if (error == 0) return child;
+  errno = error;
+  return -1;
+}
+
+}  // namespace
+
+namespace os {
+
+int open(const char* path, int flags) {
+  return retry([=] { return ::open(path, flags | O_CLOEXEC, kFileMode); });
+}
+
+long read(int fd, void* buffer, std::size_t size) {
+  return retry([=] { return ::read(fd, buffer, size); });
+}
+
+long write(int fd, const void* data, std::size_t size) {
+  return retry([=] { return ::write(fd, data, size); });
+}
+
+long lseek(int fd, long offset, int whence) {
+  const off_t position = ::lseek(fd, offset, whence);
+  if (position <= std::numeric_limits<long>::max()) return static_cast<long>(position);
+  errno = EOVERFLOW;
+  return -1;
+}
+
+int ioctl(int fd, unsigned long request, void* argument) { return ::ioctl(fd, request, argument); }
+
+int close(int fd) { return ::close(fd); }
+
+unsigned sleep(unsigned seconds) {
+  const std::int64_t left = ThreadAccess::pause(seconds * kUsPerSecond);
+  return static_cast<unsigned>((left + kUsPerSecond - 1) / kUsPerSecond);
+}
+
+int usleep(unsigned long microseconds) {
+  if (ThreadAccess::pause(static_cast<std::int64_t>(microseconds)) == 0) return 0;
+  errno = EINTR;
+  return -1;
+}
+
+int system(const char* command) {
+  const pid_t child = startShell(command);
+  if (child < 0) return -1;
+  int status = -1;
+  return retry([&] { return waitpid(child, &status, 0); }) == child ? status : -1;
+}
+
+}  // namespace os
