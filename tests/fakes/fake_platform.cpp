@@ -1,0 +1,202 @@
+// Recording of calls and scripted failures.
+#include "tests/fakes/fake_platform.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "platform/application.h"
+
+thread_local int FakeScope::depth_ = 0;
+
+namespace {
+std::atomic<FakePlatform*> g_newest{nullptr};
+
+bool begins(const std::string& text, const std::string& beginning) {
+  return text.compare(0, beginning.size(), beginning) == 0;
+}
+}  // namespace
+
+FakePlatform::FakePlatform() : before_(g_newest.exchange(this)) { TApplication::stopped = false; }
+
+FakePlatform::~FakePlatform() { g_newest = before_; }
+
+FakePlatform& FakePlatform::the() {
+  FakePlatform* newest = g_newest;
+  if (newest == nullptr) {
+    // Never freed: static destructors of the daemon's singletons may still come here.
+    static FakePlatform* spare = new FakePlatform;
+    newest = spare;
+  }
+  return *newest;
+}
+
+void FakePlatform::record(const std::string& call) {
+  FakeScope scope;
+  // Nobody looks: no lock either, so that a stress test orders nothing that the daemon does not.
+  if (!keepCalls_ && !watched_) return;
+  std::function<void(const std::string&)> callback;
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    if (keepCalls_) calls_.push_back(call);
+    callback = onCall_;
+  }
+  if (callback) callback(call);
+}
+
+std::vector<std::string> FakePlatform::calls() const {
+  std::lock_guard<std::mutex> guard(lock_);
+  return calls_;
+}
+
+std::vector<std::string> FakePlatform::takeCalls() {
+  std::lock_guard<std::mutex> guard(lock_);
+  pausesUs_.clear();
+  return std::exchange(calls_, {});
+}
+
+std::vector<std::string> FakePlatform::callsWith(const std::string& beginning) const {
+  std::lock_guard<std::mutex> guard(lock_);
+  std::vector<std::string> result;
+  for (const std::string& call : calls_)
+    if (begins(call, beginning)) result.push_back(call);
+  return result;
+}
+
+long FakePlatform::count(const std::string& beginning) const {
+  return static_cast<long>(callsWith(beginning).size());
+}
+
+long FakePlatform::logged(const std::string& text) const {
+  std::lock_guard<std::mutex> guard(lock_);
+  constexpr std::size_t kHead = 6;  // "log 3 "
+  return std::count_if(calls_.begin(), calls_.end(), [&](const std::string& call) {
+    return begins(call, "log ") && call.size() >= kHead &&
+           call.compare(kHead, call.npos, text) == 0;
+  });
+}
+
+bool FakePlatform::called(const std::string& call) const {
+  std::lock_guard<std::mutex> guard(lock_);
+  return std::find(calls_.begin(), calls_.end(), call) != calls_.end();
+}
+
+void FakePlatform::onCall(std::function<void(const std::string&)> callback) {
+  std::lock_guard<std::mutex> guard(lock_);
+  onCall_ = std::move(callback);
+  watched_ = static_cast<bool>(onCall_);
+}
+
+std::vector<long> FakePlatform::pausesUs() const {
+  std::lock_guard<std::mutex> guard(lock_);
+  return pausesUs_;
+}
+
+long FakePlatform::asked(const std::string& function) const {
+  std::lock_guard<std::mutex> guard(lock_);
+  const auto found = asked_.find(function);
+  return found == asked_.end() ? 0 : found->second;
+}
+
+void FakePlatform::fails(const std::string& function, long times) {
+  std::lock_guard<std::mutex> guard(lock_);
+  failures_[function] = {times, EIO};
+}
+
+void FakePlatform::failsWith(const std::string& function, int error) {
+  std::lock_guard<std::mutex> guard(lock_);
+  failures_[function] = {-1, error};
+}
+
+void FakePlatform::works(const std::string& function) {
+  std::lock_guard<std::mutex> guard(lock_);
+  failures_.erase(function);
+}
+
+bool FakePlatform::failing(const char* function) {
+  FakeScope scope;
+  std::lock_guard<std::mutex> guard(lock_);
+  auto asked = asked_.find(function);
+  if (asked == asked_.end()) asked = asked_.emplace(function, 0).first;
+  ++asked->second;
+  const auto found = failures_.find(function);
+  if (found == failures_.end()) return false;
+  errno = found->second.error;
+  if (found->second.times > 0 && --found->second.times == 0) failures_.erase(found);
+  return true;
+}
+
+void FakePlatform::config(const std::string& key, const std::string& value) {
+  std::lock_guard<std::mutex> guard(lock_);
+  config_[key] = value;
+}
+
+bool FakePlatform::findConfig(const char* key, std::string* value) const {
+  std::lock_guard<std::mutex> guard(lock_);
+  const auto found = config_.find(key);
+  if (found == config_.end()) return false;
+  *value = found->second;
+  return true;
+}
+
+void FakePlatform::postMessage(const TMessage& message) {
+  std::lock_guard<std::mutex> guard(lock_);
+  messages_.push_back(message);
+}
+
+void FakePlatform::postMessageOfType(int type) {
+  TMessage message{};
+  message.type = type;
+  postMessage(message);
+}
+
+bool FakePlatform::takeMessage(TMessage* message) {
+  std::lock_guard<std::mutex> guard(lock_);
+  if (messages_.empty()) return false;
+  *message = messages_.front();
+  messages_.pop_front();
+  return true;
+}
+
+void FakePlatform::onCommand(std::function<int(const std::string&)> callback) {
+  std::lock_guard<std::mutex> guard(lock_);
+  onCommand_ = std::move(callback);
+}
+
+int FakePlatform::command(const std::string& command) {
+  record("system(" + command + ")");
+  if (failing("os::system")) return -1;
+  std::function<int(const std::string&)> callback;
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    callback = onCommand_;
+  }
+  return callback ? callback(command) : 0;
+}
+
+void FakePlatform::onIoctl(std::function<int(int, unsigned long, void*)> callback) {
+  std::lock_guard<std::mutex> guard(lock_);
+  onIoctl_ = std::move(callback);
+}
+
+int FakePlatform::ioctl(int fd, unsigned long request, void* argument) {
+  if (failing("os::ioctl")) return -1;
+  std::function<int(int, unsigned long, void*)> callback;
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    callback = onIoctl_;
+  }
+  if (callback) return callback(fd, request, argument);
+  errno = ENOTTY;  // as a plain file answers
+  return -1;
+}
+
+void FakePlatform::threadStuck(const std::string& name) {
+  std::lock_guard<std::mutex> guard(lock_);
+  stuck_.push_back(name);
+}
+
+bool FakePlatform::stuck(const std::string& name) const {
+  std::lock_guard<std::mutex> guard(lock_);
+  return std::find(stuck_.begin(), stuck_.end(), name) != stuck_.end();
+}
