@@ -1,6 +1,7 @@
 // Gathers MPEG-4 key frames for recorders.
 #include "record/avi_writer.h"
 
+#include <algorithm>
 #include <cstring>
 #include <limits>
 
@@ -20,13 +21,11 @@ TAviWriter::TAviWriter() : TWriter(kTimeoutMs) { reserve(getFrameSize(sbVideo2()
 TAviWriter::~TAviWriter() = default;
 
 // The daemon may be up before "video2" is: the assembly buffer is made once, when the size is
-// known. Returns true iff there is one.
-bool TAviWriter::reserve(long usable) {
-  if (frame_ == nullptr && usable > 0) {
-    frame_ = std::make_unique<char[]>(static_cast<std::size_t>(usable + kHeaderBytes));
-    capacity_ = usable;
-  }
-  return frame_ != nullptr;
+// known.
+void TAviWriter::reserve(long usable) {
+  if (frame_ != nullptr || usable < 1) return;
+  frame_ = std::make_unique<char[]>(static_cast<std::size_t>(usable + kHeaderBytes));
+  capacity_ = usable;
 }
 
 long TAviWriter::write(const char* data, long length, const TDateTime& time, char type) {
@@ -39,28 +38,41 @@ long TAviWriter::write(const char* data, long length, const TDateTime& time, cha
       if (gathered_ < 1) logEx(1, "TAviWriter::write() IPE");
       break;
     default:
-      if (gathered_ > 0) flush(time);
+      if (gathered_ > 0) flush();
       gathered_ = 0;
-      if (type == 'I') add(data, length);
+      whole_ = true;
+      if (type == 'I') {
+        time_ = time;
+        add(data, length);
+      }
   }
   return gathered_;
 }
 
-void TAviWriter::flush(const TDateTime& time) {
+// The frame carries the time of the chunk that it began with. So what was still gathered when the
+// last client left, and is flushed when the next one comes, shows its age, and no recording takes
+// it for a new picture.
+void TAviWriter::flush() {
+  const long length = gathered_ + kHeaderBytes;
+  // A frame with a part missing is refused for its size, unless "video2" came up in the middle.
+  if (!whole_ && length <= getFrameSize(sbVideo2())) return;
   if (frame_ != nullptr) std::memcpy(frame_.get(), header_, sizeof header_);
-  TWriter::write(frame_.get(), gathered_ + kHeaderBytes, time, 'I');
+  TWriter::write(frame_.get(), length, time_, 'I');
 }
 
 void TAviWriter::add(const char* data, long length) {
   if (length < 0) length = 0;  // a failed read of the camera adds nothing
   const std::int64_t sum = std::int64_t{gathered_} + length;
   const long usable = getFrameSize(sbVideo2());
-  if (sum <= usable && reserve(usable) && sum <= capacity_)
-    std::memcpy(frame_.get() + kHeaderBytes + gathered_, data, static_cast<std::size_t>(length));
-  else if (length > 0)
+  reserve(usable);
+  if (sum > usable || sum > capacity_) {
     logEx(3, "TAviWriter::add() video2 buffer overflow p:%ld, c:%ld", static_cast<long>(gathered_),
           length);
-  gathered_ = static_cast<std::int32_t>(sum < kGatheredMax ? sum : kGatheredMax);
+    whole_ = false;
+  } else if (length > 0) {
+    std::memcpy(frame_.get() + kHeaderBytes + gathered_, data, static_cast<std::size_t>(length));
+  }
+  gathered_ = static_cast<std::int32_t>(std::min(sum, kGatheredMax));
 }
 
 TAviWriter* aviWriter() {

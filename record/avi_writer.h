@@ -31,13 +31,15 @@ class TAviWriter : public TWriter {
   char* headerBlock() { return header_; }
 
  private:
-  bool reserve(long usable);
-  void flush(const TDateTime& time);
+  void reserve(long usable);
+  void flush();
 
   char header_[kHeaderBytes] = {};
   std::unique_ptr<char[]> frame_;  // header block and gathered data; null until "video2" is there
   long capacity_ = 0;              // of the gathered data in `frame_`
   std::int32_t gathered_ = 0;      // bytes behind the header block, copied or not; saturates
+  bool whole_ = true;              // all of them were copied
+  TDateTime time_;                 // of the chunk that the gathered frame began with
 };
 
 // Returns the one AVI writer of the process. Any thread.

@@ -40,6 +40,9 @@ class TRecorder : public PThread {
   // recording runs on the same buffer it goes on until the new end; one on another buffer ends.
   void start(long seconds);
 
+  // As PThread::stop(). No start from before it is taken up any more.
+  bool stop(bool wait) override;
+
   // The name that the current picture is to be stored under, "untitled" before the first.
   // Recorder's thread.
   const char* fileName() const { return fileName_; }
@@ -79,7 +82,8 @@ class TRecorder : public PThread {
   bool takeRequest();
   void endUnlessStartedAgain();
   bool pass();
-  bool store(SB_FRAME& frame, long length);
+  bool isNew(const SB_FRAME& frame);
+  bool store(SB_FRAME& frame);
   bool over();
 
   static constexpr int kPathBytes = 128;
@@ -88,7 +92,8 @@ class TRecorder : public PThread {
   // Taken by starters and, for a copy, by the body; so the two words of the start time, the handle
   // and the duration always belong together. Nothing that can block is done under it.
   std::mutex mutex_;
-  TRequest request_;  // guarded by mutex_
+  TRequest request_;      // guarded by mutex_
+  bool stopped_ = false;  // since the last start; guarded by mutex_
 
   // The rest belongs to the body while it runs.
   std::int32_t number_ = 0;  // the place in the stream ...

@@ -31,24 +31,24 @@ TInstant TInstant::now() {
   std::uint32_t before = monotonicMs();
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     instant.wall.set();
-    instant.monotonicMs = ::monotonicMs();
-    if (instant.monotonicMs - before <= kTightMs) break;
-    before = instant.monotonicMs;
+    instant.ms = monotonicMs();
+    if (instant.ms - before <= kTightMs) break;
+    before = instant.ms;
   }
   return instant;
 }
 
 void TRecordingTime::begin(const TInstant& start) {
   startUs_ = wallUs_ = totalUs(start.wall);
-  monotonicMs_ = start.monotonicMs;
+  monotonicMs_ = start.ms;
   elapsedUs_ = 0;
   stepped_ = false;
 }
 
 void TRecordingTime::look(const TInstant& now) {
   const std::int64_t passedUs =
-      static_cast<std::int64_t>(now.monotonicMs - monotonicMs_) * kMsUs;  // wraps harmlessly
-  monotonicMs_ = now.monotonicMs;
+      static_cast<std::int64_t>(now.ms - monotonicMs_) * kMsUs;  // wraps harmlessly
+  monotonicMs_ = now.ms;
   elapsedUs_ += passedUs;
   wallUs_ += passedUs;
   const std::int64_t stepUs = totalUs(now.wall) - wallUs_;

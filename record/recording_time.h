@@ -8,7 +8,7 @@
 // One instant by both clocks.
 struct TInstant {
   TDateTime wall;
-  std::uint32_t monotonicMs = 0;
+  std::uint32_t ms = 0;  // monotonic
 
   // Reads both clocks so close together that a difference between two instants is a step of the
   // wall clock, not a pause of the thread between the two readings.

@@ -9,6 +9,7 @@ class TUsbRecorder : public TRecorder {
   // `mountPoint` is "/usb" for the storage whose state and space are watched.
   using TRecorder::TRecorder;
 
+ protected:
   // Writes the picture under fileName(). Returns false, which ends the recording, when the storage
   // is not mounted (event 515), is full or takes no file (event 517); a picture that got only
   // partly onto it is event 517 too, but the recording goes on.

@@ -11,30 +11,26 @@ namespace {
 
 constexpr long kReserveMs = 10;  // the capture thread waits no longer for a free frame
 
-// The usable frame size of one buffer. Kept from the first time that the buffer is there; should a
-// segment of another geometry take its place, that one's size is worked out each time instead, so
-// that a size can never be used with another buffer than its own.
-class TFrameSize {
- public:
-  long of(SB_HANDLE* buffer) {
-    if (known_.load(std::memory_order_acquire) == buffer) return size_;
-    const long size = sbGetFrameSize(buffer) - static_cast<long>(kFrameHeadBytes);
-    if (size < 1) return 0;
-    if (!claimed_.exchange(true)) {
-      size_ = size;
-      known_.store(buffer, std::memory_order_release);
-    }
-    return size;
-  }
-
- private:
-  std::atomic<bool> claimed_{false};
-  std::atomic<SB_HANDLE*> known_{nullptr};
-  long size_ = 0;  // of `known_`, written once before it
+// The usable frame sizes that were worked out, one for each buffer there ever was: in practice two.
+// Never freed: buffers live as long as the process, and so do their sizes.
+struct TKnownSize {
+  SB_HANDLE* buffer;
+  long size;
+  const TKnownSize* next;
 };
+std::atomic<const TKnownSize*> g_sizes{nullptr};
 
-TFrameSize g_video;
-TFrameSize g_video2;
+long usableSize(SB_HANDLE* buffer) {
+  const TKnownSize* const first = g_sizes.load(std::memory_order_acquire);
+  for (const TKnownSize* known = first; known != nullptr; known = known->next)
+    if (known->buffer == buffer) return known->size;
+  const long size = sbGetFrameSize(buffer) - static_cast<long>(kFrameHeadBytes);
+  if (size < 1) return 0;
+  auto* const known = new TKnownSize{buffer, size, first};
+  while (!g_sizes.compare_exchange_weak(known->next, known, std::memory_order_acq_rel)) {
+  }
+  return size;
+}
 
 }  // namespace
 
@@ -43,10 +39,8 @@ TWriter::TWriter(long timeout) : timeout_(timeout) {}
 TWriter::~TWriter() = default;
 
 long TWriter::getFrameSize(SB_HANDLE* buffer) {
-  if (buffer == nullptr) return 0;
-  if (buffer == sbVideo()) return g_video.of(buffer);
-  if (buffer == sbVideo2()) return g_video2.of(buffer);
-  return 0;
+  if (buffer == nullptr || (buffer != sbVideo() && buffer != sbVideo2())) return 0;
+  return usableSize(buffer);
 }
 
 long TWriter::write(const char* data, long length, const TDateTime& time, char /*type*/) {
