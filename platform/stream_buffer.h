@@ -67,4 +67,5 @@ class TAutoFrame {
   SB_FRAME* frame_ = nullptr;
   int index_ = -1;
   bool writing_;
+  std::uint32_t generation_ = 0;  // of the process, which a fork ends
 };

@@ -1,0 +1,56 @@
+#include "platform/linux/stream_buffer_futex.h"
+
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+
+namespace sb {
+namespace {
+
+// How long a waiter may sleep without looking around: the wake of a killed process never comes, and
+// a body that is asked to stop is not woken.
+constexpr long kSliceMs = 50;
+constexpr long kNsPerMs = 1'000'000;
+
+#ifdef SYS_futex_time64
+// The kernel's time structure of 32-bit systems, for kernels without 64-bit time.
+struct OldTimespec {
+  long seconds;
+  long nanoseconds;
+};
+#endif
+
+}  // namespace
+
+// Not the private kind: the waiters are in other processes. A relative limit runs on the monotonic
+// clock.
+void futexWait(Word& word, std::uint32_t expected, long ms) {
+  const long limit = std::min(ms, kSliceMs);
+  if (limit <= 0) return;
+  auto* address = reinterpret_cast<std::uint32_t*>(&word);
+#ifdef SYS_futex_time64
+  struct {
+    std::int64_t seconds;
+    std::int64_t nanoseconds;
+  } time64 = {0, std::int64_t{limit} * kNsPerMs};
+  if (syscall(SYS_futex_time64, address, FUTEX_WAIT, expected, &time64, nullptr, 0) == 0 ||
+      errno != ENOSYS) {
+    return;
+  }
+  OldTimespec time = {0, limit * kNsPerMs};
+#else
+  timespec time = {0, limit * kNsPerMs};
+#endif
+  syscall(SYS_futex, address, FUTEX_WAIT, expected, &time, nullptr, 0);
+}
+
+void futexWake(Word& word) {
+  syscall(SYS_futex, reinterpret_cast<std::uint32_t*>(&word), FUTEX_WAKE, INT_MAX, nullptr, nullptr,
+          0);
+}
+
+}  // namespace sb

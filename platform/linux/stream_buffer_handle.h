@@ -1,0 +1,111 @@
+// One attached stream buffer: the segment and what the process keeps privately about it.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+
+#include "platform/linux/stream_buffer_segment.h"
+#include "platform/relaxed.h"
+
+struct SB_FRAME;
+
+namespace sb {
+
+// A lock among the threads of one process around a few instructions, cheaper than a mutex.
+class BriefLock {
+ public:
+  void lock() {
+    while (held_.exchange(1, std::memory_order_acquire) != 0) pause();
+  }
+  void unlock() { held_.store(0, std::memory_order_release); }
+
+ private:
+  static void pause();
+  std::atomic<std::uint32_t> held_{0};
+};
+
+// What a process holds of a segment; a fork's child starts with none of it.
+struct PrivateState {
+  std::mutex leaseMutex;
+  Relaxed<std::int32_t> lease = -1;  // written under leaseMutex
+  Relaxed<bool> writer = false;      // written under leaseMutex
+
+  std::mutex frameMutex;                // guards what follows
+  std::uint16_t pins[kMaxFrames] = {};  // of this process's threads; the first sets the shared bit
+  bool writing[kMaxFrames] = {};        // reserved by this process
+  std::uint32_t lastReapMs = 0;         // monotonic
+  bool pinInTheWay = false;             // a held frame was older than the one reserved
+
+  BriefLock slotLock;  // guards this process's cells
+};
+
+// Compares numbers and times that wrap: how far `a` is after `b`.
+constexpr std::int32_t distance(std::uint32_t a, std::uint32_t b) {
+  return static_cast<std::int32_t>(a - b);
+}
+
+}  // namespace sb
+
+// Never freed once given out. Any thread.
+struct SB_HANDLE {
+  SB_HANDLE(int stream, const sb::Segment& segment);
+
+  // A lease for this process. False: all are taken.
+  bool ensureLease();
+  // The writer's place, for this process's life. False: another process has it.
+  bool ensureWriter();
+  // Clears what dead processes hold. Returns true iff it found something.
+  bool reap();
+  // Returns the process whose lock is on this byte of the file; 0: none, or our own.
+  int lockOwner(int byte) const;
+
+  // Returns the index of a frame to fill, -1: none within `waitMs`.
+  int reserve(long waitMs);
+  // Gives a reserved frame its number.
+  void publish(int index);
+  // Pins the next frame after the place; both cursors as TAutoFrame has them. -1: none in time.
+  int acquire(long ageMs, std::int32_t* number, std::int32_t* epoch, long waitMs);
+  void release(int index);
+
+  // Called by every operation: now and then looks whether the segment still has its name.
+  void notice() {
+    const std::uint32_t left = untilLook_ - 1;
+    untilLook_ = left;
+    if (left == 0 || head.retired.load(std::memory_order_relaxed) != 0) look();
+  }
+
+  // A fork's child: leases, pins and locks stayed with the parent.
+  void forked();
+
+  const int stream;  // whose current handle this is, or was
+  const sb::Segment segment;
+  sb::Head& head;
+  sb::Word* const seq;
+  sb::Word* const stamp;
+  sb::Word* const holders;
+  sb::Word* const leasePid;
+  sb::Word* const slot;
+  sb::Word* const cell;
+  const std::uint32_t frames;
+  Relaxed<std::uint32_t> generation = 0;  // moves in a fork's child
+  sb::PrivateState mine;
+
+ private:
+  bool held(int index) const;
+  int tryReserve();
+  bool place(long ageMs, std::int32_t* number, std::int32_t* epoch);
+  int tryAcquire(std::uint32_t* number);
+  bool announceWait(std::uint32_t latest);
+  bool pin(int index, std::uint32_t number);
+  void unpin(int index);
+  bool readable(int index) const;
+  void reapNowAndThen();
+  void clearPins(int lease);
+  void look();
+
+  Relaxed<std::uint32_t> untilLook_ = 1;
+  Relaxed<std::uint32_t> lookEvery_ = 1;
+  Relaxed<std::uint32_t> lastPaceMs_ = 0;
+  Relaxed<bool> retirementSeen_ = false;
+};

@@ -1,0 +1,144 @@
+// What a process holds of a segment, kept by locks that the kernel drops at its death and never
+// sooner.
+#include <fcntl.h>
+#include <sched.h>
+#include <unistd.h>
+#include <new>
+
+#include "platform/linux/stream_buffer_futex.h"
+#include "platform/linux/stream_buffer_handle.h"
+#include "platform/linux/stream_buffer_points.h"
+#include "platform/linux/stream_buffer_streams.h"
+#include "platform/timer.h"
+
+namespace {
+
+// Calls for one look at the clock: 64 of them are milliseconds in a busy process, and in one that
+// calls once a second each call looks.
+constexpr std::uint32_t kMaxCallsPerClock = 64;
+constexpr std::uint32_t kClockMs = 100;
+
+bool changeLock(int fd, int byte, short type) {
+  struct flock lock = {};
+  lock.l_type = type;
+  lock.l_whence = SEEK_SET;
+  lock.l_start = byte;
+  lock.l_len = 1;
+  return fcntl(fd, F_SETLK, &lock) == 0;
+}
+
+}  // namespace
+
+#ifdef VS_STREAM_BUFFER_POINTS
+void (*sb::onPoint)(sb::Point) = nullptr;
+#endif
+
+void sb::BriefLock::pause() { sched_yield(); }
+
+SB_HANDLE::SB_HANDLE(int whose, const sb::Segment& opened)
+    : stream(whose),
+      segment(opened),
+      head(opened.head()),
+      seq(opened.words(opened.geometry.seqAt)),
+      stamp(opened.words(opened.geometry.stampAt)),
+      holders(opened.words(opened.geometry.holdersAt)),
+      leasePid(opened.words(opened.geometry.leasePidAt)),
+      slot(opened.words(opened.geometry.slotAt)),
+      cell(opened.words(opened.geometry.cellAt)),
+      frames(opened.geometry.frames) {}
+
+// Clears pins only: a cell of this lease may be the one that a slot's control word still names.
+bool SB_HANDLE::ensureLease() {
+  if (mine.lease >= 0) return true;
+  const std::lock_guard<std::mutex> guard(mine.leaseMutex);
+  if (mine.lease >= 0) return true;
+  for (int i = 0; i < static_cast<int>(sb::kLeases); ++i) {
+    if (!changeLock(segment.fd, i, F_WRLCK)) continue;
+    sb::reached(sb::Point::kLeaseTaken);
+    clearPins(i);
+    leasePid[i] = static_cast<std::uint32_t>(getpid());
+    mine.lease = i;
+    return true;
+  }
+  return false;
+}
+
+// A predecessor may have died between showing a frame and moving `latest`, so that is repaired.
+bool SB_HANDLE::ensureWriter() {
+  if (mine.writer) return true;
+  if (!ensureLease()) return false;
+  const std::lock_guard<std::mutex> guard(mine.leaseMutex);
+  if (mine.writer) return true;
+  if (!changeLock(segment.fd, sb::kWriterByte, F_WRLCK)) return false;
+  if (!sb::makeWritable(segment)) {
+    changeLock(segment.fd, sb::kWriterByte, F_UNLCK);
+    return false;
+  }
+  for (std::uint32_t i = 0; i < frames; ++i) {
+    const std::uint32_t number = seq[i];
+    if (number != 0 && sb::distance(number, head.latest) > 0) head.latest = number;
+  }
+  head.writing = 0;
+  head.writerWaits = 0;
+  head.writerPid = static_cast<std::uint32_t>(getpid());
+  sb::futexWake(head.latest);
+  mine.writer = true;
+  return true;
+}
+
+int SB_HANDLE::lockOwner(int byte) const {
+  struct flock lock = {};
+  lock.l_type = F_WRLCK;
+  lock.l_whence = SEEK_SET;
+  lock.l_start = byte;
+  lock.l_len = 1;
+  if (fcntl(segment.fd, F_GETLK, &lock) != 0 || lock.l_type == F_UNLCK) return 0;
+  return static_cast<int>(lock.l_pid);
+}
+
+void SB_HANDLE::clearPins(int lease) {
+  const std::uint32_t bit = 1U << (lease % 32);
+  for (std::uint32_t i = 0; i < frames; ++i) {
+    sb::Word& word = holders[i * sb::kLeaseWords + static_cast<std::uint32_t>(lease) / 32];
+    if ((word.load() & bit) != 0) word.fetch_and(~bit);
+  }
+}
+
+// While a dead owner's lock is ours, nobody can take the lease and set bits anew.
+bool SB_HANDLE::reap() {
+  bool found = false;
+  for (int i = 0; i < static_cast<int>(sb::kLeases); ++i) {
+    if (i == mine.lease) continue;
+    std::uint32_t bits = 0;
+    for (std::uint32_t f = 0; f < frames; ++f) {
+      bits |= holders[f * sb::kLeaseWords + static_cast<std::uint32_t>(i) / 32];
+    }
+    if ((bits & 1U << (i % 32)) == 0 || !changeLock(segment.fd, i, F_WRLCK)) continue;
+    clearPins(i);
+    sb::reached(sb::Point::kReaped);
+    changeLock(segment.fd, i, F_UNLCK);
+    found = true;
+  }
+  return found;
+}
+
+// The parent's threads are not here, nor are its locks; whatever its mutexes guarded starts over.
+void SB_HANDLE::forked() {
+  generation = generation + 1;
+  mine.~PrivateState();
+  new (&mine) sb::PrivateState;
+}
+
+// The clock is read about every kClockMs, however often or rarely the operations are called.
+void SB_HANDLE::look() {
+  const std::uint32_t now = monotonicMs();
+  const bool fast = now - lastPaceMs_ < kClockMs;
+  const std::uint32_t every = lookEvery_;
+  lookEvery_ = fast && every < kMaxCallsPerClock ? every * 2 : fast ? every : 1;
+  untilLook_ = lookEvery_;
+  lastPaceMs_ = now;
+  const bool retired = head.retired.load(std::memory_order_relaxed) != 0;
+  const bool firstSight = retired && !retirementSeen_;
+  if (firstSight) retirementSeen_ = true;
+  sb::lookForReplacement(this, now, firstSight);
+}

@@ -1,0 +1,146 @@
+#include "platform/linux/stream_buffer_owner.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+#include "platform/linux/root.h"
+#include "platform/linux/stream_buffer_handle.h"
+#include "platform/linux/stream_buffer_points.h"
+#include "platform/linux/stream_buffer_streams.h"
+#include "platform/log.h"
+
+namespace sb {
+
+IniReader readIni = nullptr;
+
+namespace {
+
+constexpr mode_t kFolderMode = 0770;
+constexpr int kTries = 5;  // another creator may win each time
+
+std::uint32_t configuredNumber(const std::string& key, std::uint32_t fallback,
+                               bool (*fits)(std::uint32_t)) {
+  if (readIni == nullptr) return fallback;
+  const std::string file = rooted("/etc/camera.conf");
+  const int value = readIni(file.c_str(), "Buffers", key.c_str(), static_cast<int>(fallback));
+  if (value >= 0 && fits(static_cast<std::uint32_t>(value))) {
+    return static_cast<std::uint32_t>(value);
+  }
+  logEx(2, "%s: [Buffers] %s is out of range: %d", file.c_str(), key.c_str(), value);
+  return fallback;
+}
+
+FrameSizes configured(const std::string& stream, const FrameSizes& fallback) {
+  FrameSizes sizes;
+  sizes.frames = configuredNumber(stream + "Frames", fallback.frames, frameCountFits);
+  sizes.frameSize = configuredNumber(stream + "FrameSize", fallback.frameSize, frameSizeFits);
+  return sizes;
+}
+
+// Returns 0 or an error. A folder that is there already keeps its mode.
+int makeFolder() {
+  const std::string folder = rooted("/dev/shm/camera");
+  if (mkdir(folder.c_str(), kFolderMode) == 0) {
+    const gid_t group = cameraGroup();
+    if (group != static_cast<gid_t>(-1) &&
+        chown(folder.c_str(), static_cast<uid_t>(-1), group) != 0 && errno != EPERM) {
+      return errno;
+    }
+    return chmod(folder.c_str(), kFolderMode) == 0 ? 0 : errno;
+  }
+  if (errno != EEXIST) return errno;
+  struct stat status;
+  if (lstat(folder.c_str(), &status) != 0) return errno;
+  if (!S_ISDIR(status.st_mode)) return ENOTDIR;
+  return trustedOwner(status.st_uid) ? 0 : EPERM;
+}
+
+bool sameSize(const SB_HANDLE& handle, const FrameSizes& sizes) {
+  return handle.head.retired == 0 && handle.segment.geometry.frames == sizes.frames &&
+         handle.segment.geometry.frameSize == sizes.frameSize;
+}
+
+// The head of a segment that this program can't attach, such as one of another version; null when
+// there is none.
+Head* foreignHead(const char* path) {
+  const int fd = open(path, O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+  if (fd < 0) return nullptr;
+  void* base = MAP_FAILED;
+  struct stat status;
+  if (fstat(fd, &status) == 0 && S_ISREG(status.st_mode) &&
+      status.st_size >= static_cast<off_t>(sizeof(Head))) {
+    base = mmap(nullptr, sizeof(Head), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  }
+  close(fd);
+  if (base == MAP_FAILED) return nullptr;
+  auto* head = static_cast<Head*>(base);
+  if (head->magic == kMagic) return head;
+  munmap(base, sizeof(Head));
+  return nullptr;
+}
+
+// One attempt. Returns 0; EEXIST when another creator won; or another error.
+// The old segment is retired after it has lost its name: who is told then finds the new one, and a
+// creator that dies in between leaves an old one that its users miss within a second.
+int createOnce(int stream, const FrameSizes& sizes) {
+  const char* path = streamPath(stream);
+  const Attached found = attach(stream);
+  if (found == Attached::kFull) return EUSERS;
+  SB_HANDLE* old = current[stream].load();
+  if (found == Attached::kYes && old == nullptr) return EEXIST;  // replaced this very moment
+  struct stat status;
+  const bool named = lstat(path, &status) == 0;  // an attached one may have lost its name
+  if (found == Attached::kYes && named && sameSize(*old, sizes)) return 0;
+
+  Head* oldHead = found == Attached::kYes ? &old->head : foreignHead(path);
+  const std::string built =
+      buildSegment(path, makeGeometry(sizes.frames, sizes.frameSize, pageSize()));
+  int error = built.empty() ? errno : publishSegment(built, path, named);
+  reached(Point::kSegmentReplaced);
+  if (error == 0 && oldHead != nullptr) retireSegment(*oldHead);
+  if (found == Attached::kYes) {
+    current[stream].store(nullptr);
+  } else if (oldHead != nullptr) {
+    munmap(oldHead, sizeof(Head));
+  }
+  if (error == 0 && attach(stream) != Attached::kYes) error = EEXIST;
+  return error;
+}
+
+bool ownSegment(int stream, const FrameSizes& sizes) {
+  int error = EEXIST;
+  for (int i = 0; i < kTries && error == EEXIST; ++i) error = createOnce(stream, sizes);
+  if (error != 0) logEx(3, "can't create buffer %s: %s", streamPath(stream), std::strerror(error));
+  return error == 0;
+}
+
+}  // namespace
+
+BufferSizes configuredSizes() {
+  BufferSizes sizes;
+  sizes.video = configured("Video", sizes.video);
+  sizes.video2 = configured("Video2", sizes.video2);
+  sizes.audio = configured("Audio", sizes.audio);
+  return sizes;
+}
+
+bool ownSegments(const BufferSizes& sizes) {
+  const int error = makeFolder();
+  if (error != 0) {
+    logEx(3, "can't create folder %s: %s", rooted("/dev/shm/camera").c_str(), std::strerror(error));
+    return false;
+  }
+  const bool video = ownSegment(kVideo, sizes.video);
+  const bool video2 = ownSegment(kVideo2, sizes.video2);
+  return ownSegment(kAudio, sizes.audio) && video && video2;
+}
+
+}  // namespace sb
+
+void sbOwnSegments() { sb::ownSegments(sb::configuredSizes()); }
