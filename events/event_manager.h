@@ -40,6 +40,9 @@ class TEventManager {
   // Tells the platform whether any event watches the digital input.
   void setInputIconState();
 
+  // What the last refresh has built; the highest section comes first.
+  const std::vector<std::unique_ptr<TEvent>>& events() const { return events_; }
+
  private:
   enum TRecorderSlot { kUsbRecorder, kFtpRecorder, kSmbRecorder, kRecorderSlots };
 
@@ -48,7 +51,7 @@ class TEventManager {
   void attachHandlers(const TEventConfig& config, TEvent& event);
   void attachRecorders(const TEventConfig& config, TEvent& event);
 
-  TCamera* camera_;                                                   // not owned
-  std::vector<std::unique_ptr<TEvent>> events_;                       // highest section first
+  TCamera* camera_;  // not owned
+  std::vector<std::unique_ptr<TEvent>> events_;
   std::array<std::unique_ptr<TRecorder>, kRecorderSlots> recorders_;  // shared by all events
 };
