@@ -55,7 +55,8 @@ class TScheduler : public PThread {
 
  private:
   bool anyAlarm() const;
-  TAlarm* arm(void* owner, long seconds, TAlarm::Callback callback, bool* result);
+  TAlarm* slotOf(const void* owner);
+  bool claimSlot(void* owner, long seconds, TAlarm::Callback callback);
 
   TMutex lock_;                 // guards schedules_
   std::vector<TAlarm> alarms_;  // never resized

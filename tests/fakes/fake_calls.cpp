@@ -170,6 +170,16 @@ int getIniStr(const char* file, const char* section, const char* key, char* buff
          (buffer[std::min(text.size(), static_cast<std::size_t>(size - 1))] = '\0');
 }
 
+int getIniSection(const char* file, int limit) {
+  FakeScope scope;
+  return fake().ini.sectionUpTo(file, limit);
+}
+
+int getIniKey(const char* file, const char* section, const char* prefix, int from) {
+  FakeScope scope;
+  return fake().ini.keyFrom(file, section, prefix, from);
+}
+
 // --- The configuration database
 
 namespace {

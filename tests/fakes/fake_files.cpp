@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <limits>
 #include <sstream>
 
 void FakeFiles::put(const std::string& path, const std::string& content) {
@@ -152,6 +153,14 @@ std::string iniKey(const std::string& section, const std::string& key) {
   return lower(section) + "\n" + lower(key);
 }
 
+// Returns the number that `text` is without sign or leading zeros, 0 if it is none.
+int plainNumber(const std::string& text) {
+  const long number = std::strtol(text.c_str(), nullptr, 10);
+  return number > 0 && number <= std::numeric_limits<int>::max() && std::to_string(number) == text
+             ? static_cast<int>(number)
+             : 0;
+}
+
 }  // namespace
 
 void FakeIni::file(const std::string& path, const std::string& text) {
@@ -202,4 +211,30 @@ bool FakeIni::find(const char* path, const char* section, const char* key,
   if (found == file->second.end()) return false;
   *value = found->second;
   return true;
+}
+
+int FakeIni::sectionUpTo(const char* path, int limit) const {
+  std::lock_guard<std::mutex> guard(lock_);
+  const auto file = files_.find(path);
+  int highest = 0;
+  if (file == files_.end()) return 0;
+  for (const auto& value : file->second) {
+    const int number = plainNumber(value.first.substr(0, value.first.find('\n')));
+    if (number <= limit) highest = std::max(highest, number);
+  }
+  return highest;
+}
+
+int FakeIni::keyFrom(const char* path, const char* section, const char* prefix, int from) const {
+  std::lock_guard<std::mutex> guard(lock_);
+  const auto file = files_.find(path);
+  int lowest = 0;
+  if (file == files_.end()) return 0;
+  const std::string beginning = iniKey(section, prefix);
+  for (const auto& value : file->second) {
+    if (value.first.compare(0, beginning.size(), beginning) != 0) continue;
+    const int number = plainNumber(value.first.substr(beginning.size()));
+    if (number > 0 && number >= from && (lowest == 0 || number < lowest)) lowest = number;
+  }
+  return lowest;
 }

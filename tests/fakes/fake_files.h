@@ -66,6 +66,9 @@ class FakeIni {
 
   // Returns true iff the key is there and copies its value.
   bool find(const char* path, const char* section, const char* key, std::string* value) const;
+  // As getIniSection() and getIniKey().
+  int sectionUpTo(const char* path, int limit) const;
+  int keyFrom(const char* path, const char* section, const char* prefix, int from) const;
 
  private:
   mutable std::mutex lock_;
