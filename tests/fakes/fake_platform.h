@@ -87,6 +87,11 @@ class FakePlatform {
   // is to be run again. Aborts when the thread was not started. Only with the fake threads.
   bool runBody(PThread& thread);
   bool started(const PThread& thread) const;  // waits for runBody()
+  // Called when a body leaves by itself: just before its running flag goes (false) and just after.
+  void onLeave(std::function<void(bool gone)> callback) { onLeave_ = std::move(callback); }
+  void leaving(bool gone) const {  // for the fake threads
+    if (onLeave_) onLeave_(gone);
+  }
   // The body of the thread called `name` does not end when it is asked to.
   void threadStuck(const std::string& name);
   bool stuck(const std::string& name) const;
@@ -151,6 +156,7 @@ class FakePlatform {
   std::map<std::string, Failure, std::less<>> failures_;
   std::multimap<std::int64_t, std::function<void()>> due_;
   std::function<void(long)> onPause_;
+  std::function<void(bool)> onLeave_;
   std::int64_t stopAtUs_ = -1;
   long stopAfterPauses_ = -1;
   long pausesAfterStop_ = 0;

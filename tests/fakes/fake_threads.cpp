@@ -104,8 +104,12 @@ bool PThread::running() const {
 }
 
 void PThread::leave() {
-  std::lock_guard<std::mutex> guard(state_->lock);
-  state_->running = false;
+  FakePlatform::the().leaving(false);
+  {
+    std::lock_guard<std::mutex> guard(state_->lock);
+    state_->running = false;
+  }
+  FakePlatform::the().leaving(true);
 }
 
 TStopDeadline::TStopDeadline() : startMs_(monotonicMs()) {}
