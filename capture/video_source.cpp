@@ -1,6 +1,7 @@
 #include "capture/video_source.h"
 
 #include <cstring>
+#include <utility>
 
 #include "capture/camera.h"
 #include "capture/devices/file_source.h"
@@ -26,6 +27,7 @@ constexpr unsigned kBRM520Types = 2;
 
 // Returns null when there is no such camera.
 std::unique_ptr<TCamera> openCamera(const TVideoArgs& args) {
+  if (sbVideo() == nullptr) logEx(3, "Can't attach video streaming buffer");
   const bool ktx310 = std::strcmp(args.source, kModelKTX310) == 0;
   const bool brm520 = std::strcmp(args.source, kModelBRM520) == 0;
   if (!ktx310 && !brm520) return std::make_unique<TFileSource>(args.source);
@@ -147,9 +149,10 @@ void apply(TCamera& camera, int slot, int value) {
 
 }  // namespace
 
-TVideoSource::TVideoSource(TVideoArgs& args) : PThread("KVX-video") {
-  if (sbVideo() == nullptr) logEx(3, "Can't attach video streaming buffer");
-  camera_ = openCamera(args);
+TVideoSource::TVideoSource(TVideoArgs& args) : TVideoSource(args, openCamera(args)) {}
+
+TVideoSource::TVideoSource(const TVideoArgs& args, std::unique_ptr<TCamera> camera)
+    : PThread("KVX-video"), camera_(std::move(camera)) {
   publish(args);
 }
 

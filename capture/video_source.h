@@ -19,6 +19,8 @@ class TVideoSource : public PThread {
   // 3 "BRM-520 must use CompressionType 0 or 1", 3 "no driver for %s in this version": then there
   // is no camera.
   explicit TVideoSource(TVideoArgs& args);
+  // As above, with this camera (which may be null).
+  TVideoSource(const TVideoArgs& args, std::unique_ptr<TCamera> camera);
   ~TVideoSource() override;
 
   // As PThread::run(), but without a camera nothing happens.

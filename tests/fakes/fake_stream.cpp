@@ -24,6 +24,16 @@ FakeFrame copyOf(const SB_FRAME& frame, long size) {
 
 }  // namespace
 
+// As on the real platform a handle is never used twice, so that what the daemon keeps by handle is
+// never taken for another buffer's.
+FakeStream::FakeStream(const char* name) : name_(name) {
+  static std::mutex mutex;
+  static auto* const all = new std::deque<SB_HANDLE>;
+  std::lock_guard<std::mutex> guard(mutex);
+  all->push_back({this});
+  handle_ = &all->back();
+}
+
 // Zero pages that cost nothing until they are used.
 void FakeStream::makeCells() {
   if (!cells_.empty()) return;

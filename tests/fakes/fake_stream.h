@@ -32,7 +32,7 @@ struct FakeFrame {
 // One buffer. Attached from the start. Any thread.
 class FakeStream {
  public:
-  explicit FakeStream(const char* name) : name_(name), handle_{this} {}
+  explicit FakeStream(const char* name);
   FakeStream(const FakeStream&) = delete;
   FakeStream& operator=(const FakeStream&) = delete;
 
@@ -67,7 +67,7 @@ class FakeStream {
 
   // --- For the platform functions.
   const char* name() const { return name_; }
-  SB_HANDLE* handle() { return attached_ ? &handle_ : nullptr; }
+  SB_HANDLE* handle() { return attached_ ? handle_ : nullptr; }
   long frameSize() const { return frameSize_; }
   void daemonSetsSlot(int number, int value);
   int testSlot(int number);
@@ -97,7 +97,7 @@ class FakeStream {
   void makeCells();
 
   const char* name_;
-  SB_HANDLE handle_;
+  SB_HANDLE* handle_;  // never freed
   std::atomic<bool> attached_{true};
   std::atomic<bool> busy_{false};
   std::atomic<long> frameSize_{256 * 1024};
