@@ -1,5 +1,99 @@
 #include "platform/application.h"
 
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <initializer_list>
+
+#include "platform/linux/stream_buffer_owner.h"
+#include "platform/linux/thread_access.h"
+#include "platform/linux/watchdog.h"
+#include "platform/log.h"
+
 int TApplication::argc = 0;
 char** TApplication::argv = nullptr;
 Relaxed<bool> TApplication::stopped;
+
+namespace {
+
+TApplication* theApplication = nullptr;
+int stopFd = -1;  // an eventfd, readable from the signal on and never emptied
+
+void onStopSignal(int) {
+  const int before = errno;
+  TApplication::stopped = true;
+  const std::uint64_t one = 1;
+  if (write(stopFd, &one, sizeof one) < 0) {
+    // The counter is full: it is readable all the more.
+  }
+  errno = before;
+}
+
+void handle(int signal, void (*handler)(int)) {
+  struct sigaction action {};
+  action.sa_handler = handler;
+  action.sa_flags = SA_RESTART;  // pauses end by the eventfd; nothing else is to fail
+  sigemptyset(&action.sa_mask);
+  sigaction(signal, &action, nullptr);
+}
+
+// What the parent blocked or ignored must not make the daemon deaf, or its commands' ends
+// invisible.
+void armSignals() {
+  handle(SIGPIPE, SIG_IGN);
+  handle(SIGCHLD, SIG_DFL);
+  handle(SIGTERM, onStopSignal);
+  handle(SIGINT, onStopSignal);
+  sigset_t needed;
+  sigemptyset(&needed);
+  for (const int signal : {SIGTERM, SIGINT, SIGCHLD}) sigaddset(&needed, signal);
+  pthread_sigmask(SIG_UNBLOCK, &needed, nullptr);
+}
+
+int runHooks(TApplication& application) {
+  if (!application.onInitial()) return 1;
+  const bool ran = application.onRunning();
+  const bool released = application.onRelease();
+  return ran && released ? 0 : 1;
+}
+
+}  // namespace
+
+TApplication::TApplication() { theApplication = this; }
+
+TApplication::~TApplication() {
+  if (theApplication == this) theApplication = nullptr;
+}
+
+bool TApplication::onInitial() { return true; }
+
+bool TApplication::onRelease() { return true; }
+
+int TApplication::main(int count, char** values) {
+  argc = count;
+  argv = values;
+  if (theApplication == nullptr) {
+    logEx(3, "no application object");
+    return 1;
+  }
+  stopFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (stopFd < 0 || !startWatchdog(stopFd)) {
+    logEx(3, "can't watch over the shutdown: %s", std::strerror(errno));
+    return 1;
+  }
+  ThreadAccess::adoptMain(stopFd);
+  armSignals();
+  // Without arguments a daemon only shows its usage; that must not leave shared memory behind.
+  if (count > 1) sbOwnSegments();
+  const int status = runHooks(*theApplication);
+  if (ThreadAccess::endAll()) return status;
+  // Static objects must not be destroyed under the bodies that are still at work.
+  std::fflush(stdout);
+  free_log();
+  _exit(status);
+}

@@ -1,16 +1,150 @@
 #include "platform/log.h"
 
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+
+#include "platform/linux/process_name.h"
+#include "platform/linux/root.h"
+#include "platform/linux/unix_address.h"
+#include "platform/timer.h"
+
+namespace {
+
+constexpr std::size_t kLineLength = 1000;
+constexpr std::uint32_t kFoldMs = 1000;
+
+// Where lines go, and the line that is being folded. All of it is initialised at compile time and
+// has no destructor: static objects and threads left behind log to the very end.
+struct Log {
+  std::mutex mutex;  // guards the rest; nothing that can block is done under it
+  bool open = false;
+  bool toStderr = false;
+  int socket = -1;
+  UnixAddress address{};
+  char last[kLineLength + 1] = "";
+  int lastLevel = 0;         // 0: there is no last line
+  std::uint32_t seenMs = 0;  // the last line, or a repeat of it
+  std::uint32_t writtenMs = 0;
+  unsigned repeats = 0;  // since then
+};
+Log theLog;
+
+void openLog() {
+  theLog.open = true;
+  const char* const wish = getenv("VS_LOG");
+  theLog.toStderr =
+      isatty(STDERR_FILENO) != 0 || (wish != nullptr && std::strcmp(wish, "stderr") == 0);
+  // libc's syslog() blocks while the system's logger does not keep up, and takes a lock meanwhile.
+  theLog.socket = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (theLog.socket >= 0 && !theLog.address.set(rooted("/dev/log").c_str())) {
+    close(theLog.socket);
+    theLog.socket = -1;
+  }
+}
+
+// Writes one line to where lines go. What can't be written at once is lost: the daemon never waits
+// for its log.
+void writeLine(int level, const char* text) {
+  if (!theLog.open) openLog();
+  static constexpr struct {
+    int priority;
+    const char* name;
+  } kLevels[] = {{LOG_NOTICE, "notice"}, {LOG_WARNING, "warning"}, {LOG_ERR, "error"}};
+  const auto& known = kLevels[std::clamp(level, 1, 3) - 1];
+  char line[kLineLength + 100];
+  const auto lengthOf = [&line](int printed) {
+    return std::min(static_cast<std::size_t>(printed), sizeof line - 1);
+  };
+  if (theLog.socket >= 0) {
+    // Without a time: the logger puts its own, and formatting one would read the time zone.
+    const std::size_t length =
+        lengthOf(std::snprintf(line, sizeof line, "<%d>%.40s[%d]: %s", LOG_DAEMON | known.priority,
+                               processName(), static_cast<int>(getpid()), text));
+    sendto(theLog.socket, line, length, MSG_DONTWAIT | MSG_NOSIGNAL, theLog.address.get(),
+           theLog.address.size());
+  }
+  pollfd room{STDERR_FILENO, POLLOUT, 0};
+  if (!theLog.toStderr || poll(&room, 1, 0) != 1) return;
+  const std::size_t length = lengthOf(
+      std::snprintf(line, sizeof line, "%.40s: %s: %s\n", processName(), known.name, text));
+  if (write(STDERR_FILENO, line, length) < 0) return;
+}
+
+void writeRepeats(std::uint32_t now) {
+  if (theLog.repeats == 0) return;
+  char line[40];
+  std::snprintf(line, sizeof line, "repeated %u times", theLog.repeats);
+  writeLine(theLog.lastLevel, line);
+  theLog.repeats = 0;
+  theLog.writtenMs = now;
+}
+
+// Makes one line of what was formatted: cut between characters, without line feeds or anything else
+// that a terminal or a log's reader would obey.
+void tidy(char* line) {
+  std::size_t length = std::strlen(line);
+  if (length > kLineLength) {
+    length = kLineLength;
+    while (length > 0 && (line[length] & 0xC0) == 0x80) --length;
+  }
+  while (length > 0 && line[length - 1] == '\n') --length;
+  line[length] = '\0';
+  for (char* c = line; *c != '\0'; ++c)
+    if (static_cast<unsigned char>(*c) < ' ' || *c == 0x7F) *c = '?';
+}
+
+void logLine(int level, const char* line) {
+  const std::lock_guard<std::mutex> lock(theLog.mutex);
+  const std::uint32_t now = monotonicMs();
+  const bool repeats = theLog.lastLevel == level && now - theLog.seenMs < kFoldMs &&
+                       std::strcmp(theLog.last, line) == 0;
+  theLog.seenMs = now;
+  if (repeats) {
+    ++theLog.repeats;
+    if (now - theLog.writtenMs >= kFoldMs) writeRepeats(now);
+    return;
+  }
+  writeRepeats(now);
+  writeLine(level, line);
+  theLog.writtenMs = now;
+  theLog.lastLevel = level;
+  std::strcpy(theLog.last, line);
+}
+
+}  // namespace
 
 int logEx(int level, const char* format, ...) {
-  char line[1001];
+  const int before = errno;
+  char line[kLineLength + 2];  // one more than fits, to see whether the cut splits a character
   va_list arguments;
   va_start(arguments, format);
-  std::vsnprintf(line, sizeof line, format, arguments);
+  const int printed = std::vsnprintf(line, sizeof line, format, arguments);
   va_end(arguments);
-  std::fprintf(stderr, "<%d> %s\n", level, line);
+  if (printed < 0) std::snprintf(line, sizeof line, "%s", format);
+  tidy(line);
+  logLine(level, line);
+  errno = before;
   return -1;
 }
 
-void free_log() {}
+void free_log() {
+  const std::lock_guard<std::mutex> lock(theLog.mutex);
+  writeRepeats(monotonicMs());
+  theLog.lastLevel = 0;
+  if (theLog.socket >= 0) close(theLog.socket);
+  theLog.socket = -1;
+  theLog.address.clear();
+  theLog.open = false;
+}

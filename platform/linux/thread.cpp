@@ -6,8 +6,10 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <initializer_list>
 #include <mutex>
 #include <vector>
 
@@ -28,29 +30,12 @@ using Lock = std::lock_guard<Monitor>;
 // The descriptor that tells the main thread to hurry; below 0 on every other thread.
 thread_local int mainStopFd = -1;
 
-// Starts `body` detached, with all signals blocked but those that a fault of the thread itself
-// raises: sanitizers and core dumps need them. Returns 0 or the error number.
-int startThread(void* (*body)(void*), void* argument) {
-  sigset_t blocked;
-  sigset_t before;
-  sigfillset(&blocked);
-  for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP}) sigdelset(&blocked, fault);
-  pthread_attr_t attributes;
-  pthread_attr_init(&attributes);
-  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-  // A thread inherits the mask of its creator, so there is no instant in which it takes signals.
-  pthread_sigmask(SIG_SETMASK, &blocked, &before);
-  pthread_t thread;
-  const int error = pthread_create(&thread, &attributes, body, argument);
-  pthread_sigmask(SIG_SETMASK, &before, nullptr);
-  pthread_attr_destroy(&attributes);
-  return error;
-}
-
 }  // namespace
 
 // What object and body share. `running` and `asked` are read without the lock.
 struct PThread::State {
+  struct All;
+
   State(PThread* owner, const char* label) : object(owner) {
     std::snprintf(name, sizeof name, "%s", label);
   }
@@ -77,23 +62,27 @@ struct PThread::State {
 };
 
 namespace {
-
 thread_local void* current = nullptr;  // the PThread::State whose body this thread is
+}  // namespace
 
 // The bodies that are inside execute(). Never destroyed: threads may outlive static objects.
-template <typename State>
-struct Bodies {
+struct PThread::State::All {
   std::mutex mutex;
   std::vector<std::shared_ptr<State>> inside;
+
+  static All& instance() {
+    static auto* const all = new All;
+    return *all;
+  }
+  void add(const std::shared_ptr<State>& state) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    inside.push_back(state);
+  }
+  void remove(const std::shared_ptr<State>& state) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    inside.erase(std::find(inside.begin(), inside.end(), state));
+  }
 };
-
-template <typename State>
-Bodies<State>& bodies() {
-  static auto* const instance = new Bodies<State>;
-  return *instance;
-}
-
-}  // namespace
 
 PThread::PThread(const char* name) : state_(std::make_shared<State>(this, name)) {}
 
@@ -110,21 +99,15 @@ void PThread::run() {
   s.asked = false;
   s.left = false;
   s.inside = true;
-  {
-    auto& all = bodies<State>();
-    const std::lock_guard<std::mutex> allLock(all.mutex);
-    all.inside.push_back(state_);
-  }
+  State::All::instance().add(state_);
   auto* const holder = new std::shared_ptr<State>(state_);
-  const int error = startThread(&State::body, holder);
+  const int error = ThreadAccess::start(&State::body, holder);
   if (error == 0) return;
   delete holder;
   logEx(3, "can't start thread %s: %s", s.name, std::strerror(error));
   s.running = false;
   s.inside = false;
-  auto& all = bodies<State>();
-  const std::lock_guard<std::mutex> allLock(all.mutex);
-  all.inside.erase(std::find(all.inside.begin(), all.inside.end(), state_));
+  State::All::instance().remove(state_);
 }
 
 bool PThread::stop(bool wait) {
@@ -169,9 +152,7 @@ void* PThread::State::body(void* holder) {
     s.object->execute();
   } while (s.returned());
   current = nullptr;
-  auto& all = bodies<State>();
-  const std::lock_guard<std::mutex> allLock(all.mutex);
-  all.inside.erase(std::find(all.inside.begin(), all.inside.end(), *owned));
+  All::instance().remove(*owned);
   return nullptr;
 }
 
@@ -253,11 +234,29 @@ std::int64_t ThreadAccess::pause(std::int64_t microseconds) {
 
 void ThreadAccess::adoptMain(int fd) { mainStopFd = fd; }
 
+int ThreadAccess::start(void* (*body)(void*), void* argument) {
+  // All but those that a fault of the thread itself raises: sanitizers and core dumps need them.
+  sigset_t blocked;
+  sigset_t before;
+  sigfillset(&blocked);
+  for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP}) sigdelset(&blocked, fault);
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+  // A thread inherits the mask of its creator, so there is no instant in which it takes signals.
+  pthread_sigmask(SIG_SETMASK, &blocked, &before);
+  pthread_t thread;
+  const int error = pthread_create(&thread, &attributes, body, argument);
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  pthread_attr_destroy(&attributes);
+  return error;
+}
+
 int ThreadAccess::stuck(char* names, std::size_t size) {
   int count = 0;
   std::size_t used = 0;
   if (size > 0) names[0] = '\0';
-  auto& all = bodies<PThread::State>();
+  auto& all = PThread::State::All::instance();
   const std::lock_guard<std::mutex> allLock(all.mutex);
   for (const auto& state : all.inside) {
     if (!state->asked && !state->left) continue;
@@ -272,7 +271,7 @@ int ThreadAccess::stuck(char* names, std::size_t size) {
 bool ThreadAccess::endAll() {
   std::vector<std::shared_ptr<PThread::State>> inside;
   {
-    auto& all = bodies<PThread::State>();
+    auto& all = PThread::State::All::instance();
     const std::lock_guard<std::mutex> allLock(all.mutex);
     inside = all.inside;
   }

@@ -18,6 +18,10 @@ struct ThreadAccess {
   // Makes the calling thread the main one: its pauses end when `fd` becomes readable.
   static void adoptMain(int fd);
 
+  // Starts a thread of the platform's own, detached and with signals blocked as in all threads but
+  // the main one. Returns 0 or the error number.
+  static int start(void* (*body)(void*), void* argument);
+
   // Writes the names of the bodies that were asked to stop and have not returned into `names`,
   // separated by commas. Returns their number. Any thread, allocates nothing.
   static int stuck(char* names, std::size_t size);
