@@ -229,6 +229,6 @@ bool TRecorder::onSetname(const TDateTime& time, const char* extension) {
       std::snprintf(fileName_, sizeof fileName_, "%s%s%04d%02d%02d/%s%02d%02d%02d.%s", mountPoint_,
                     folder_, year, month, day, prefix_, hour, minute, second, extension);
   if (length >= 0 && length < kNameBytes) return true;
-  logEx(2, "recording name longer than %d bytes: %s", kNameBytes, fileName_);
+  logEx(2, "recording name longer than %d bytes: %s", kNameBytes - 1, fileName_);
   return false;
 }

@@ -50,8 +50,9 @@ class RecordFixture : public testing::Test {
   // `stream`. Its text is the true time in milliseconds since now, whatever the wall clock says.
   void pictures(FakeStream& stream, double first, double period, double last) {
     const std::int64_t start = fake.clock.monotonicUs();
-    for (double at = first; at <= last; at += period)
-      fake.at(at, [this, &stream, start] {
+    constexpr double kRound = 5e-7;
+    for (int i = 0; first + i * period <= last; ++i)
+      fake.at(first + i * period + kRound, [this, &stream, start] {
         stream.push("\xFF\xD8" + std::to_string((fake.clock.monotonicUs() - start) / 1000));
       });
   }
@@ -82,14 +83,13 @@ class ListRecorder : public TRecorder {
     std::string data;
   };
 
-  using TRecorder::onSetname;
+  bool setName(const TDateTime& time, const char* extension) { return onSetname(time, extension); }
   using TRecorder::TRecorder;
 
   std::vector<Picture> pictures;
   std::vector<std::string> steps;
   std::function<void(const std::string& step)> onStep;
   std::string refuse;  // the step that fails
-  int converted = 0;
 
   // The true times of the stored pictures, see RecordFixture::pictures().
   std::vector<long> times() const {
