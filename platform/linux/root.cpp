@@ -1,5 +1,6 @@
 #include "platform/linux/root.h"
 
+#include <cstdio>
 #include <utility>
 
 namespace {
@@ -17,3 +18,8 @@ void setPlatformRoot(std::string value) {
 }
 
 std::string rooted(const char* path) { return root() + path; }
+
+bool rooted(const char* path, char* buffer, std::size_t size) {
+  const int length = std::snprintf(buffer, size, "%s%s", root().c_str(), path);
+  return length >= 0 && static_cast<std::size_t>(length) < size;
+}

@@ -1,6 +1,7 @@
 // Where the camera's file tree begins: "/" on a camera, a folder for tools that look into a board.
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 // The prefix of every absolute path that the platform opens; empty on a camera.
@@ -11,3 +12,7 @@ void setPlatformRoot(std::string root);
 
 // Returns `path` below the prefix.
 std::string rooted(const char* path);
+
+// The same without allocating: writes it into `buffer`. Returns false iff it is longer than
+// `size` - 1.
+bool rooted(const char* path, char* buffer, std::size_t size);
