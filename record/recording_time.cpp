@@ -40,35 +40,38 @@ TInstant TInstant::now() {
 
 void TRecordingTime::begin(const TInstant& start) {
   startUs_ = wallUs_ = totalUs(start.wall);
-  monotonicMs_ = start.ms;
+  ms_ = start.ms;
   elapsedUs_ = 0;
+  earliestUs_ = 0;
   stepped_ = false;
 }
 
 void TRecordingTime::look(const TInstant& now) {
   const std::int64_t passedUs =
-      static_cast<std::int64_t>(now.ms - monotonicMs_) * kMsUs;  // wraps harmlessly
-  monotonicMs_ = now.ms;
+      static_cast<std::int64_t>(now.ms - ms_) * kMsUs;  // wraps harmlessly
+  ms_ = now.ms;
   elapsedUs_ += passedUs;
   wallUs_ += passedUs;
   const std::int64_t stepUs = totalUs(now.wall) - wallUs_;
   if (stepUs < kStepUs && stepUs > -kStepUs) return;
   beforeUs_ = startUs_;
+  earliestUs_ = elapsedUs_ - passedUs;
+  latestUs_ = elapsedUs_;
   stepped_ = true;
   startUs_ += stepUs;
   wallUs_ += stepUs;
 }
 
-// Whether a frame stamped by a clock that showed `startUs` at the start lies between then and now.
-bool TRecordingTime::plausible(std::int64_t frameUs, std::int64_t startUs) const {
-  return frameUs > startUs && frameUs - startUs <= elapsedUs_ + kStepUs;
-}
-
+// A frame from this side of the last step can't be older than the look before the step, and one
+// from the other side not newer than the look after it. That tells them apart, also when the step
+// was smaller than what a slow recorder lags behind.
 bool TRecordingTime::since(const TDateTime& frame, std::int64_t* seconds) const {
   const std::int64_t frameUs = totalUs(frame);
+  const std::int64_t hereUs = frameUs - startUs_;
+  const std::int64_t thereUs = frameUs - beforeUs_;
   std::int64_t startUs = startUs_;
-  if (!plausible(frameUs, startUs)) {
-    if (!stepped_ || !plausible(frameUs, beforeUs_)) return false;
+  if (hereUs <= 0 || hereUs < earliestUs_ - kStepUs || hereUs > elapsedUs_ + kStepUs) {
+    if (!stepped_ || thereUs <= 0 || thereUs > latestUs_ + kStepUs) return false;
     startUs = beforeUs_;
   }
   *seconds = wholeSeconds(frameUs) - wholeSeconds(startUs);

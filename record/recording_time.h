@@ -34,12 +34,14 @@ class TRecordingTime {
   bool since(const TDateTime& frame, std::int64_t* seconds) const;
 
  private:
-  bool plausible(std::int64_t frameUs, std::int64_t startUs) const;
+  std::int64_t startUs_ = 0;    // by the wall clock of the last look
+  std::int64_t wallUs_ = 0;     // what the wall clock would show without a step
+  std::int64_t elapsedUs_ = 0;  // since the start, by the monotonic clock
+  std::uint32_t ms_ = 0;        // the monotonic clock at the last look
 
-  std::int64_t startUs_ = 0;       // by the wall clock of the last look
-  std::int64_t beforeUs_ = 0;      // the start by the wall clock before its last step
-  bool stepped_ = false;           // `beforeUs_` is valid
-  std::int64_t wallUs_ = 0;        // what the wall clock would show without a step
-  std::int64_t elapsedUs_ = 0;     // since the start, by the monotonic clock
-  std::uint32_t monotonicMs_ = 0;  // of the last look
+  // The last step of the wall clock.
+  bool stepped_ = false;
+  std::int64_t beforeUs_ = 0;    // the start by the wall clock before it
+  std::int64_t earliestUs_ = 0;  // when it came, as time since the start ...
+  std::int64_t latestUs_ = 0;    // ... between these two looks
 };

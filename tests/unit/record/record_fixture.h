@@ -18,11 +18,10 @@
 
 constexpr long kUsable = 2000;  // payload of a frame in these tests
 
-// A fresh platform for each test, with small frames. The platforms are kept: sizes of frames are
-// remembered by buffer, so no two tests may have a buffer at the same address.
+// A fresh platform for each test, with small frames.
 class RecordFixture : public testing::Test {
  protected:
-  RecordFixture() : fake(fresh()) {
+  RecordFixture() {
     fake.setTimeZone("UTC");
     fake.setWallClock("2024-06-03 12:00:00");
     fake.video.setFrameSize(kUsable + static_cast<long>(kFrameHeadBytes));
@@ -32,12 +31,6 @@ class RecordFixture : public testing::Test {
   ~RecordFixture() override {
     EXPECT_FALSE(aviWriter()->getRef()) << "a client was left registered";
     EXPECT_FALSE(jpgWriter()->getRef()) << "a client was left registered";
-  }
-
-  static FakePlatform& fresh() {
-    static auto* const all = new std::vector<std::unique_ptr<FakePlatform>>;
-    all->push_back(std::make_unique<FakePlatform>());
-    return *all->back();
   }
 
   static TDateTime now() {
@@ -64,7 +57,7 @@ class RecordFixture : public testing::Test {
     return bodies;
   }
 
-  FakePlatform& fake;
+  FakePlatform fake;
 };
 
 // A camera whose mode is all that matters.
