@@ -1,0 +1,9 @@
+// The camera that this process is attached to.
+#pragma once
+
+// Returns true iff a process still writes the camera's stream.
+bool cameraRuns();
+
+// For a command that is stuck without frames: says why on standard error and returns the exit code,
+// kExitNoCamera or kExitNoPicture.
+int sayNoPicture();
