@@ -115,7 +115,7 @@ void SB_HANDLE::publish(int index) {
   {
     const std::lock_guard<std::mutex> guard(mine.frameMutex);
     before = head.latest.load(std::memory_order_relaxed);
-    const std::uint32_t number = before + 1 == 0 ? 1 : before + 1;
+    const std::uint32_t number = sb::numberAfter(before);
     if (readable(index)) {
       stamp[index].store(monotonicMs(), std::memory_order_relaxed);
       seq[index].store(number, std::memory_order_release);
@@ -239,7 +239,11 @@ int SB_HANDLE::acquire(long ageMs, std::int32_t* number, std::int32_t* epoch, lo
       return index;
     }
     const long left = limit.left();
-    if (left == 0 || head.retired != retired || ThreadAccess::stopAsked()) return -1;
+    if (left == 0 || ThreadAccess::stopAsked()) return -1;
+    if (head.retired != retired) {
+      notice();  // so that the caller's next look finds the new segment
+      return -1;
+    }
     if (announceWait(latest)) sb::futexWait(head.latest, latest, left);
   }
 }

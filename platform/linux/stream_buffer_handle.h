@@ -45,6 +45,11 @@ constexpr std::int32_t distance(std::uint32_t a, std::uint32_t b) {
   return static_cast<std::int32_t>(a - b);
 }
 
+// 0 is no number.
+constexpr std::uint32_t numberAfter(std::uint32_t number) {
+  return number + 1 == 0 ? 1 : number + 1;
+}
+
 }  // namespace sb
 
 // Never freed once given out. Any thread.

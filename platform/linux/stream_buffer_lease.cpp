@@ -76,7 +76,7 @@ bool SB_HANDLE::ensureWriter() {
   }
   for (std::uint32_t i = 0; i < frames; ++i) {
     const std::uint32_t number = seq[i];
-    if (number != 0 && sb::distance(number, head.latest) > 0) head.latest = number;
+    if (number == sb::numberAfter(head.latest)) head.latest = number;
   }
   head.writing = 0;
   head.writerWaits = 0;
@@ -125,7 +125,6 @@ bool SB_HANDLE::reap() {
 // The parent's threads are not here, nor are its locks; whatever its mutexes guarded starts over.
 void SB_HANDLE::forked() {
   generation = generation + 1;
-  mine.~PrivateState();
   new (&mine) sb::PrivateState;
 }
 

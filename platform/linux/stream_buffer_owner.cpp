@@ -1,6 +1,7 @@
 #include "platform/linux/stream_buffer_owner.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -14,6 +15,7 @@
 #include "platform/linux/stream_buffer_points.h"
 #include "platform/linux/stream_buffer_streams.h"
 #include "platform/log.h"
+#include "platform/timer.h"
 
 namespace sb {
 
@@ -22,7 +24,9 @@ IniReader readIni = nullptr;
 namespace {
 
 constexpr mode_t kFolderMode = 0770;
-constexpr int kTries = 5;  // another creator may win each time
+constexpr std::uint32_t kTurnMs = 500;
+constexpr useconds_t kTurnStepUs = 2000;
+constexpr int kTries = 50;  // against creators that come at the same instant
 
 std::uint32_t configuredNumber(const std::string& key, std::uint32_t fallback,
                                bool (*fits)(std::uint32_t)) {
@@ -61,6 +65,25 @@ int makeFolder() {
   return trustedOwner(status.st_uid) ? 0 : EPERM;
 }
 
+// Creators come one after the other. A creator that is stopped meanwhile delays the others, but
+// does not keep them: naming a segment is safe without this, only more tries are lost.
+class Turn {
+ public:
+  Turn() : fd_(open(rooted("/dev/shm/camera").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+    const std::uint32_t start = monotonicMs();
+    while (flock(fd_, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK &&
+           monotonicMs() - start < kTurnMs) {
+      usleep(kTurnStepUs);
+    }
+  }
+  Turn(const Turn&) = delete;
+  Turn& operator=(const Turn&) = delete;
+  ~Turn() { close(fd_); }
+
+ private:
+  int fd_;
+};
+
 bool sameSize(const SB_HANDLE& handle, const FrameSizes& sizes) {
   return handle.head.retired == 0 && handle.segment.geometry.frames == sizes.frames &&
          handle.segment.geometry.frameSize == sizes.frameSize;
@@ -85,37 +108,40 @@ Head* foreignHead(const char* path) {
   return nullptr;
 }
 
-// One attempt. Returns 0; EEXIST when another creator won; or another error.
+// One attempt. Returns 0 or an error.
 // The old segment is retired after it has lost its name: who is told then finds the new one, and a
 // creator that dies in between leaves an old one that its users miss within a second.
 int createOnce(int stream, const FrameSizes& sizes) {
   const char* path = streamPath(stream);
+  struct stat status;
+  const bool named = lstat(path, &status) == 0;
   const Attached found = attach(stream);
   if (found == Attached::kFull) return EUSERS;
-  SB_HANDLE* old = current[stream].load();
-  if (found == Attached::kYes && old == nullptr) return EEXIST;  // replaced this very moment
-  struct stat status;
-  const bool named = lstat(path, &status) == 0;  // an attached one may have lost its name
-  if (found == Attached::kYes && named && sameSize(*old, sizes)) return 0;
+  SB_HANDLE* old = found == Attached::kYes ? current[stream].load() : nullptr;
+  if (found == Attached::kYes && old == nullptr) return EAGAIN;  // replaced this very moment
+  if (old != nullptr && named && sameSize(*old, sizes)) return 0;
 
-  Head* oldHead = found == Attached::kYes ? &old->head : foreignHead(path);
-  const std::string built =
-      buildSegment(path, makeGeometry(sizes.frames, sizes.frameSize, pageSize()));
-  int error = built.empty() ? errno : publishSegment(built, path, named);
+  Head* oldHead = old != nullptr ? &old->head : foreignHead(path);
+  const Geometry geometry = makeGeometry(sizes.frames, sizes.frameSize, pageSize());
+  const std::string built = buildSegment(path, geometry);
+  int error = built.empty() ? errno : publishSegment(built, path, named ? status.st_ino : 0);
   reached(Point::kSegmentReplaced);
   if (error == 0 && oldHead != nullptr) retireSegment(*oldHead);
-  if (found == Attached::kYes) {
+  if (old != nullptr) {
     current[stream].store(nullptr);
   } else if (oldHead != nullptr) {
     munmap(oldHead, sizeof(Head));
   }
-  if (error == 0 && attach(stream) != Attached::kYes) error = EEXIST;
+  if (error == 0 && attach(stream) != Attached::kYes) error = EAGAIN;
   return error;
 }
 
+// Another creator was faster, or took our file for one that was left over.
+bool lostToAnother(int error) { return error == EEXIST || error == ENOENT || error == EAGAIN; }
+
 bool ownSegment(int stream, const FrameSizes& sizes) {
   int error = EEXIST;
-  for (int i = 0; i < kTries && error == EEXIST; ++i) error = createOnce(stream, sizes);
+  for (int i = 0; i < kTries && lostToAnother(error); ++i) error = createOnce(stream, sizes);
   if (error != 0) logEx(3, "can't create buffer %s: %s", streamPath(stream), std::strerror(error));
   return error == 0;
 }
@@ -136,6 +162,7 @@ bool ownSegments(const BufferSizes& sizes) {
     logEx(3, "can't create folder %s: %s", rooted("/dev/shm/camera").c_str(), std::strerror(error));
     return false;
   }
+  const Turn turn;
   const bool video = ownSegment(kVideo, sizes.video);
   const bool video2 = ownSegment(kVideo2, sizes.video2);
   return ownSegment(kAudio, sizes.audio) && video && video2;

@@ -167,7 +167,7 @@ std::string buildSegment(const std::string& path, const Geometry& geometry) {
   const int fd = open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (fd < 0) return {};
   reached(Point::kSegmentCreated);
-  int error = lockWhole(fd) ? posix_fallocate(fd, 0, geometry.totalBytes) : errno;
+  int error = lockWhole(fd) ? posix_fallocate(fd, 0, geometry.totalBytes) : EAGAIN;
   const gid_t group = cameraGroup();
   if (error == 0 && !fillHead(fd, geometry)) error = errno;
   if (error == 0 && group != static_cast<gid_t>(-1) && fchown(fd, static_cast<uid_t>(-1), group)) {
@@ -181,14 +181,19 @@ std::string buildSegment(const std::string& path, const Geometry& geometry) {
   return error == 0 ? name : std::string();
 }
 
-int publishSegment(const std::string& built, const std::string& path, bool replace) {
+int publishSegment(const std::string& built, const std::string& path, ino_t old) {
   int error = 0;
-  if (replace) {
-    if (rename(built.c_str(), path.c_str()) != 0) error = errno;
-  } else if (link(built.c_str(), path.c_str()) != 0) {
+  struct stat status;
+  if (old == 0) {
+    error = link(built.c_str(), path.c_str()) == 0 ? 0 : errno;
+  } else if (lstat(path.c_str(), &status) != 0 || status.st_ino != old) {
+    error = EEXIST;
+  } else if (rename(built.c_str(), path.c_str()) == 0) {
+    return 0;
+  } else {
     error = errno;
   }
-  if (!replace || error != 0) unlink(built.c_str());
+  unlink(built.c_str());
   return error;
 }
 

@@ -46,9 +46,10 @@ std::uint32_t pageSize();
 // what creators that died have left there. Returns its name, empty on failure with `errno`.
 std::string buildSegment(const std::string& path, const Geometry& geometry);
 
-// Gives a built segment its name. Returns 0; or EEXIST, unless `replace`, when the name is taken;
-// or another error. The private name is gone in any case.
-int publishSegment(const std::string& built, const std::string& path, bool replace);
+// Gives a built segment its name, replacing the file `old` that has it; 0: none has.
+// Returns 0; EEXIST when another file has the name; or another error. The private name is gone in
+// any case.
+int publishSegment(const std::string& built, const std::string& path, ino_t old);
 
 // Marks a segment that lost its name and wakes all who wait for it.
 void retireSegment(Head& head);

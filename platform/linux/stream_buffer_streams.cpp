@@ -52,6 +52,7 @@ void forkedChild() {
   Streams& all = streams();
   new (&all.mutex) std::mutex;
   for (SB_HANDLE* handle : all.handles) handle->forked();
+  for (auto& handle : current) handle.store(nullptr);
 }
 
 // Once per process, and inherited by its children.

@@ -123,6 +123,16 @@ void callAt(sb::Point point, std::function<void()> action) {
   sb::onPoint = pointReached;
 }
 
+std::string pointName(sb::Point point) {
+  static const char* const names[] = {
+      "SegmentCreated", "SegmentFilled", "SegmentReplaced", "LeaseTaken",
+      "FrameEmptied",   "FrameReserved", "FrameNumbered",   "LatestMoved",
+      "PinSet",         "Pinned",        "PinCleared",      "CellWritten",
+      "SlotSet",        "MarkRead",      "MarkCleared",     "Reaped"};
+  static_assert(sizeof(names) / sizeof(names[0]) == static_cast<std::size_t>(sb::Point::kCount));
+  return names[static_cast<int>(point)];
+}
+
 int fromEnvironment(const char* name, int fallback) {
   const char* value = std::getenv(name);
   return value == nullptr ? fallback : std::atoi(value);

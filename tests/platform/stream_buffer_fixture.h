@@ -54,6 +54,9 @@ void signalAt(sb::Point point, int signal, int count = 1);
 // Calls `action` whenever the process comes to `point`; null: no more.
 void callAt(sb::Point point, std::function<void()> action);
 
+// The point's name for the name of a test.
+std::string pointName(sb::Point point);
+
 // Lines that were logged, "level text".
 std::vector<std::string> loggedLines();
 
