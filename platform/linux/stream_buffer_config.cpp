@@ -3,7 +3,7 @@
 #include "platform/linux/stream_buffer_owner.h"
 
 namespace {
-const bool connected = [] {
+[[maybe_unused]] const bool connected = [] {
   sb::readIni = getIniInt;
   return true;
 }();
