@@ -17,7 +17,7 @@ namespace {
 
 constexpr std::int64_t kDayS = 86400;
 constexpr std::int64_t kUsPerSecond = 1000000;
-constexpr std::uint32_t kZoneLookMs = 60000;
+constexpr std::uint32_t kZoneLookMs = 5000;
 
 tm localTime(std::int64_t seconds) {
   const auto point = static_cast<time_t>(seconds);

@@ -22,6 +22,13 @@
 #include "platform/linux/unix_address.h"
 #include "platform/log.h"
 
+#ifdef __SANITIZE_THREAD__
+// By default the sanitizer lets a process that ends go on for a second, for the sake of its
+// threads.
+extern "C" const char* __tsan_default_options();
+extern "C" const char* __tsan_default_options() { return "atexit_sleep_ms=0"; }
+#endif
+
 namespace {
 constexpr auto kPatience = std::chrono::seconds(20);
 }  // namespace

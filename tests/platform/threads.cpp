@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -18,59 +17,13 @@
 #include <thread>
 #include <vector>
 
-#include "platform/os.h"
-#include "platform/timer.h"
 #include "tests/platform/support.h"
+#include "tests/platform/thread_body.h"
 
 namespace {
 
 using ::testing::Contains;
 using ::testing::ElementsAre;
-
-// A thread whose body is a function of the test. Ends its body before it goes.
-class Body : public PThread {
- public:
-  using Function = std::function<void(Body&)>;
-  explicit Body(Function function, const char* name = "body")
-      : PThread(name), function_(std::move(function)) {}
-  ~Body() override { PThread::stop(true); }
-
-  using PThread::leave;
-  std::atomic<int> started{0};
-  std::atomic<int> ended{0};
-
- protected:
-  void execute() override {
-    ++started;
-    function_(*this);
-    ++ended;
-  }
-
- private:
-  Function function_;
-};
-
-void untilStopped(Body& body) {
-  while (body.running()) os::usleep(1000);
-}
-
-// Holds bodies back, whatever they are asked for, until opened.
-class Gate {
- public:
-  void open() { open_ = true; }
-  void wait() const {
-    while (!open_) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-
- private:
-  std::atomic<bool> open_{false};
-};
-
-std::uint32_t msOf(const std::function<void()>& action) {
-  const std::uint32_t start = monotonicMs();
-  action();
-  return monotonicMs() - start;
-}
 
 TEST(Threads, StartRunsTheBodyOnItsOwnThread) {
   std::atomic<pthread_t> of{};
