@@ -24,7 +24,7 @@ constexpr char kFolder[] = "/var/log/camera";
 constexpr char kFile[] = "/var/log/camera/events.log";
 
 int openFile(const std::string& path) {
-  return open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0640);
+  return open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0640);
 }
 
 // Returns the event log's descriptor, with room for `length` more bytes; -1 with `errno` otherwise.

@@ -59,14 +59,14 @@ TempRoot::~TempRoot() {
   std::filesystem::remove_all(base_, ignored);
 }
 
-LogReader::LogReader(const TempRoot& root)
+LogReader::LogReader(const TempRoot& root, When when)
     : fd_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
   std::filesystem::create_directories(root.path("/dev"));
   UnixAddress address;
   if (!address.set(root.path("/dev/log").c_str()) || bind(fd_, address.get(), address.size()) != 0)
     std::abort();
   address.clear();
-  free_log();
+  if (when == kLogOpensAnew) free_log();
 }
 
 LogReader::~LogReader() { close(fd_); }

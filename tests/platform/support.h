@@ -28,7 +28,8 @@ class TempRoot {
 // Receives what the platform logs, as the system's logger would, in the present root.
 class LogReader {
  public:
-  explicit LogReader(const TempRoot& root);
+  enum When { kLogOpensAnew, kLogStaysOpen };
+  explicit LogReader(const TempRoot& root, When when = kLogOpensAnew);
   ~LogReader();
 
   // Returns the lines that have come, without what is ahead of the text: "3 text" for level 3.
