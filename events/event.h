@@ -45,8 +45,6 @@ class TEvent : public PThread {
   // A count below 0 is left as it is and logs 2 "TEvent::onCallback() IPE, ref = %ld".
   static void onCallback(void* event, bool on);
 
-  void execute() override;
-
   // Logs that `handler` has carried out its action. The base logs nothing.
   virtual void onLogEvent(const THandler& handler);
   // Polls the condition. Returns true iff the handlers are to be fired. The base never does.
@@ -62,24 +60,23 @@ class TEvent : public PThread {
   const char* schedule() const { return schedule_; }
   const char* schedule2() const { return schedule2_; }
 
+  // Filled by the manager before refresh(), constant from then on.
+  std::vector<std::unique_ptr<THandler>> handlers;
+
  protected:
+  void execute() override;
+
   // For kinds whose condition lasts longer than a period: fires the handlers, then pauses for 2 s,
   // so that one happening is not several events. The pause ends early when the body is to end.
   void handleAndPause();
 
  private:
+  void add(const char* name);
+
   std::int32_t active_ = 0;  // schedules that are active now; scheduler's thread
   char schedule_[kNameSize];
   char schedule2_[kNameSize];
-  const long period_;  // ms
-
- public:
-  // Filled by the manager before refresh(), constant from then on.
-  std::vector<std::unique_ptr<THandler>> handlers;
-
- private:
-  void add(const char* name);
-
+  const long period_;                    // ms
   std::vector<const char*> registered_;  // names under which the scheduler knows this event
   Relaxed<bool> leftBehind_{false};
 };

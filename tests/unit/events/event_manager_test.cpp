@@ -267,6 +267,17 @@ TEST_F(Manager, AccessEventBoundToAlwaysIsPublishedAsOnAfterTheRefresh) {
   EXPECT_EQ(kAccessOn << 5, fake.video.slot(kSlotStatus));
 }
 
+TEST_F(Manager, AccessEventBoundToAlwaysIsStoppedByTheCleanAlone) {
+  section("1", "4", "always");
+  set("1", "Access", "1");
+  build();
+  schedulerPasses(10);
+  fake.clearCalls();
+  manager->clean();
+  EXPECT_THAT(fake.callsWith("sbSetUserdata(video,24,"),
+              ElementsAre("sbSetUserdata(video,24,32)", "sbSetUserdata(video,24,0)"));
+}
+
 TEST_F(Manager, RefreshThrowsAwayWhatTheLastOneBuilt) {
   section("1", "3", "OFFICE");
   section("2", "2", "Always");
