@@ -37,6 +37,7 @@ class TSchedule {
   const char* name() const { return name_; }
 
  private:
+  friend struct ScheduleAccess;  // tests
   bool loadIntervals(const char* section);
   bool inside(const TDateTime& now, unsigned weekday) const;
 

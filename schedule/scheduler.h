@@ -54,6 +54,7 @@ class TScheduler : public PThread {
   void execute() override;
 
  private:
+  friend struct SchedulerAccess;  // tests
   bool anyAlarm() const;
   TAlarm* slotOf(const void* owner);
   bool claimSlot(void* owner, long seconds, TAlarm::Callback callback);
