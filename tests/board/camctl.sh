@@ -1,0 +1,157 @@
+# shellcheck shell=bash
+# camctl, command by command.
+
+test_no_camera_is_said_and_is_status_3() {
+  local command
+  for command in status 'watch --for 1' get 'get hue' 'set hue 1' 'trigger web1' 'trigger input' \
+    'input on' 'privacy on' reload 'grab /dev/null' dump; do
+    # shellcheck disable=SC2086  # words of one command
+    expect "$(exit_of timeout 5 "$build/tools/camctl" --board "$board" $command)" 3 "$command"
+  done
+  expect "$(camctl status 2>&1)" "camctl: no camera runs in $board" "message"
+  expect "$(exit_of "$build/tools/camctl" status)" 3 "no camera at all"
+  expect "$(camctl status --json 2>/dev/null)" "{\"camera\":\"$board\",\"running\":false,\"pid\":0}" json
+}
+
+test_wrong_use_is_status_2() {
+  local command
+  for command in '' nonsense 'trigger web3' 'trigger' 'set hue' 'set hue -1' 'set hue x' 'set nothing 1' \
+    'input maybe' 'grab' 'dump avi' 'watch --for 0' 'get nothing'; do
+    [[ $command != *nothing* ]] || [ -n "${daemon:-}" ] || start_camera
+    # shellcheck disable=SC2086  # words of one command
+    expect "$(exit_of timeout 5 "$build/tools/camctl" --board "$board" $command)" 2 "$command"
+  done
+}
+
+test_help_has_examples() {
+  "$build/tools/camctl" --help >"$work/help"
+  grep -q 'camctl grab now.jpg' "$work/help" || fail "no examples"
+  "$build/tools/camctl" watch --help | grep -q -- '--for SECONDS' || fail "no options"
+}
+
+test_status_names_every_slot_and_reader() {
+  start_camera
+  camctl dump | sleep 60 &
+  boxes+=($!)
+  reader_holds_a_frame() { camctl status | grep -q 'is held by camctl'; }
+  eventually 10 reader_holds_a_frame
+  camctl status >"$work/status"
+  grep -q "^camera   $board, process $daemon\$" "$work/status" || fail "no process"
+  grep -q '^status   input off, output1 off, ' "$work/status" || fail "no status"
+  grep -q '^  *0  frame-count ' "$work/status" || fail "no frame count"
+  grep -q '^  *22  package  *' "$work/status" || fail "no package"
+  grep -q "written by video_svr ($daemon), used by camctl" "$work/status" || fail "no users"
+  grep -q '^  video2 ' "$work/status" || fail "no second buffer"
+}
+
+test_status_for_programs() {
+  command -v jq >/dev/null || skip "jq is not installed"
+  start_camera
+  camctl status --json >"$work/json"
+  expect "$(jq -r .running "$work/json")" true running
+  expect "$(jq -r .pid "$work/json")" "$daemon" pid
+  expect "$(jq -r .camera "$work/json")" "$board" camera
+  expect "$(jq -r .slots.framerate.value "$work/json")" 2 framerate
+  expect "$(jq -r .status.framerate "$work/json")" 2 "status word"
+  expect "$(jq -r .buffers.video.writer_pid "$work/json")" "$daemon" writer
+  expect "$(jq -r '.buffers.video.frames | length' "$work/json")" 16 frames
+}
+
+test_get_shows_what_set_has_set() {
+  start_camera
+  camctl set brightness 60
+  expect "$(camctl get brightness)" 60 brightness
+  camctl set White_Balance 3
+  expect "$(camctl get white-balance)" 3 white-balance
+  expect "$(camctl get hue)" unset hue
+  camctl get | grep -q '^brightness  *60$' || fail "$(camctl get)"
+}
+
+test_watch_ends_by_itself_and_on_interrupt() {
+  start_camera
+  camctl watch --for 2 >"$work/watch"
+  expect "$(grep -c 'frames/s' "$work/watch")" 2 lines
+  "$build/tools/camctl" --board "$board" watch >"$work/watch" &
+  local watch=$!
+  eventually 5 grep -q 'frames/s' "$work/watch"
+  kill -TERM $watch
+  wait $watch || fail "status $?"
+}
+
+test_watch_ends_with_the_camera() {
+  start_camera
+  "$build/tools/camctl" --board "$board" watch >"$work/watch" 2>&1 &
+  local watch=$! code=0
+  eventually 5 grep -q 'frames/s' "$work/watch"
+  stop_daemon KILL
+  wait $watch || code=$?
+  expect $code 3 "exit status"
+  grep -q 'the camera has stopped' "$work/watch" || fail "$(cat "$work/watch")"
+}
+
+test_grab_replaces_the_file_as_a_whole() {
+  start_camera
+  echo old >"$work/picture.jpg"
+  ln "$work/picture.jpg" "$work/old.jpg"
+  camctl grab "$work/picture.jpg"
+  cmp "$picture" "$work/picture.jpg"
+  expect "$(cat "$work/old.jpg")" old "the file that was replaced"
+  camctl grab - | cmp - "$picture"
+  expect "$(exit_of camctl grab "$work/missing/picture.jpg")" 1 "a folder that is missing"
+  expect "$(find "$work" -name 'picture.jpg.*')" "" "left behind"
+}
+
+test_dump_is_the_stream() {
+  start_camera
+  camctl dump --frames 3 >"$work/three"
+  cat "$picture" "$picture" "$picture" | cmp - "$work/three"
+  camctl dump raw --frames 2 >"$work/raw"
+  expect "$(stat -c %s "$work/raw")" $((2 * ($(stat -c %s "$picture") + 160))) bytes
+  if command -v ffprobe >/dev/null; then
+    expect "$(ffprobe -v error -f mjpeg -count_frames -select_streams v -of csv=p=0 \
+      -show_entries stream=nb_read_frames "$work/three")" 3 "pictures"
+  fi
+}
+
+test_dump_ends_when_nobody_reads() {
+  start_camera
+  local code=0
+  { timeout 20 "$build/tools/camctl" --board "$board" dump || code=$?; echo $code >"$work/code"; } |
+    head -c 100000 >/dev/null
+  expect "$(cat "$work/code")" 0 "exit status"
+}
+
+test_dump_ends_on_interrupt_though_its_pipe_is_full() {
+  start_camera
+  mkfifo "$work/pipe"
+  exec {reader}<>"$work/pipe"
+  "$build/tools/camctl" --board "$board" dump >"$work/pipe" &
+  local dump=$! code=0
+  reader_holds_a_frame() { camctl status | grep -q 'is held by camctl'; }
+  eventually 10 reader_holds_a_frame
+  kill -TERM $dump
+  wait $dump || code=$?
+  exec {reader}<&-
+  expect $code 0 "exit status"
+}
+
+test_slow_reader_costs_the_camera_nothing() {
+  start_camera
+  camctl dump | sleep 60 &
+  boxes+=($!)
+  reader_holds_a_frame() { camctl status | grep -q 'is held by camctl'; }
+  eventually 10 reader_holds_a_frame
+  camctl watch --for 2 >"$work/watch"
+  ! grep -vE ' 0 lost' "$work/watch" || fail "frames were lost"
+}
+
+test_lone_board_needs_no_name() {
+  start_camera
+  "$build/tools/camctl" status | grep -q "^camera   $board," || fail "another camera"
+  (cd "$board/etc" && "$build/tools/camctl" --board .. status) | grep -q "^camera   $board,"
+}
+
+test_manual_page_is_sound() {
+  command -v mandoc >/dev/null || skip "mandoc is not installed"
+  mandoc -T lint "$root/tools/camctl/camctl.1"
+}

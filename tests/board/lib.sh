@@ -1,0 +1,154 @@
+# shellcheck shell=bash
+# What the board tests share: a board, a daemon in it, and waiting for what it does.
+# Sourced by run_case, which sets $root and $build.
+
+# Sanitized builds are slower; limits that are no promise of the daemon are stretched.
+slow=1
+if grep -q '^VS_SANITIZE:[A-Z]*=.' "$build/CMakeCache.txt"; then slow=4; fi
+
+usb=disk  # what start_daemon plugs in: see board/enter --usb
+boxes=()  # processes to be ended with the test
+
+fail() {
+  echo "FAILED: $*" >&2
+  exit 1
+}
+
+skip() {
+  echo "skipped: $*"
+  exit 77
+}
+
+set_up() {
+  work=$(mktemp -d /tmp/video_svr-test.XXXXXX)
+  export XDG_RUNTIME_DIR=$work/runtime  # so that the registry is this test's own
+  mkdir "$XDG_RUNTIME_DIR"
+  board=$work/camera
+  log=$board/var/log/camera/daemon.log
+  events=$board/var/log/camera/events.log
+  picture=$board/home/test.jpg
+  "$root/board/make" "$board"
+  : >"$log"
+}
+
+tear_down() {
+  local status=$? one pid
+  trap - EXIT
+  set +e
+  if [ $status -ne 0 ] && [ $status -ne 77 ]; then
+    echo "--- log of the daemon"
+    tail -n 40 "$log"
+    echo "--- event log"
+    tail -n 20 "$events" 2>/dev/null
+    sanitizer_reports | head -n 60
+  fi
+  for one in "$work"/*/.board; do
+    for pid in "${one%/.board}"/run/*.pid; do
+      [ -e "$pid" ] && kill -KILL "$(cat "$pid")" 2>/dev/null
+    done
+  done
+  [ ${#boxes[@]} -eq 0 ] || kill -KILL "${boxes[@]}" 2>/dev/null
+  wait 2>/dev/null
+  for one in "$work"/*/.board; do
+    "$root/board/remove" "${one%/.board}"
+  done
+  chmod -R u+w "$work"
+  rm -rf -- "$work"
+  exit $status
+}
+
+sanitizer_reports() { cat "$board"/var/log/camera/sanitizer* 2>/dev/null; }
+
+# The end of every test: nothing that a sanitizer or the daemon itself would complain about.
+check_clean() {
+  if [ -n "${daemon:-}" ] && ! is_gone "$daemon"; then stop_daemon; fi
+  [ -z "$(sanitizer_reports)" ] || fail "a sanitizer complains"
+  if grep -q IPE "$log"; then fail "an internal error is in the log"; fi
+}
+
+# eventually SECONDS COMMAND...: waits until the command succeeds; the test fails when it does not.
+eventually() {
+  local limit=$1
+  shift
+  await $((limit * slow)) "$@" || fail "not within $((limit * slow)) s: $*"
+}
+
+# expect VALUE EXPECTED WHAT
+expect() { [ "$1" = "$2" ] || fail "$3: $1 instead of $2"; }
+
+now_ms() { echo $(($(date +%s%N) / 1000000)); }
+
+camctl() { "$build/tools/camctl" --board "$board" "$@"; }
+
+# exit_of COMMAND...: prints its exit code, and nothing else.
+exit_of() {
+  local code=0
+  "$@" >/dev/null 2>&1 </dev/null || code=$?
+  echo "$code"
+}
+
+# launch PROGRAM [ARGUMENT...]: starts a program in the board; $box is the process around it.
+launch() {
+  VS_LOG=stderr TZ=UTC \
+    ASAN_OPTIONS=log_path=/var/log/camera/sanitizer:detect_stack_use_after_return=1 \
+    UBSAN_OPTIONS=log_path=/var/log/camera/sanitizer:print_stacktrace=1 \
+    TSAN_OPTIONS=log_path=/var/log/camera/sanitizer \
+    "$root/board/enter" --usb "$usb" "$board" "$@" >>"$work/output" 2>>"$log" </dev/null &
+  box=$!
+  boxes+=("$box")
+}
+
+camera_is_up() { camctl get mode >/dev/null 2>&1; }
+has_frames() { [ "$(slot frame-count)" -gt 0 ]; }
+events_are_built() { [ -s "$board/run/camera/io/input_used" ]; }
+
+# start_daemon [OPTION OF video_svr...]: starts it; $daemon is its process id.
+start_daemon() {
+  local options=("$@")
+  [ $# -gt 0 ] || options=(-n/home/test.jpg -f2 -mv)
+  rm -f -- "$board/run/video_svr.pid"
+  launch "$build/core/video_svr" "${options[@]}"
+  daemon_box=$box
+  eventually 10 test -s "$board/run/video_svr.pid"
+  daemon=$(cat "$board/run/video_svr.pid")
+}
+
+# start_camera [OPTION OF video_svr...]: the daemon with its events, and the peer at the outputs.
+start_camera() {
+  rm -f -- "$board/run/camera/io/input_used"
+  launch "$build/board/socmond"
+  eventually 10 test -S "$board/run/camera/msg/socmond"
+  start_daemon "$@"
+  eventually 10 camera_is_up
+  eventually 20 events_are_built
+}
+
+# stop_daemon [SIGNAL]: ends the daemon; $took is how many ms that needed, $status its exit status.
+stop_daemon() {
+  local begun
+  begun=$(now_ms)
+  status=0
+  kill "-${1:-TERM}" "$daemon"
+  wait "$daemon_box" || status=$?
+  took=$(($(now_ms) - begun))
+}
+
+# slot NAME: its value.
+slot() { camctl status | awk -v name="$1" '$2 == name {sub(/\*$/, "", $3); print $3}'; }
+
+# in_status TEXT: true iff the status word says so.
+in_status() { camctl status | grep '^status' | grep -qF -- "$1"; }
+
+# logged TEXT: true iff the daemon's log has it. happened ID: true iff the event log has it.
+logged() { grep -qF -- "$1" "$log"; }
+happened() { grep -q "^[^ ]* $1 " "$events" 2>/dev/null; }
+count_events() { grep -c "^[^ ]* $1 " "$events" 2>/dev/null || true; }
+
+recordings() { find "$board/usb" -type f | sort; }
+recorded() { [ "$(recordings | wc -l)" -ge "$1" ]; }
+
+# write_events [LINE...]: an events file with one event, section 1, of these lines.
+write_events() {
+  { printf '[Main]\nMax = 1\n[1]\nErased = 0\nSchedule = always\n' && printf '%s\n' "$@"; } \
+    >"$board/etc/events.conf"
+}

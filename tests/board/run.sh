@@ -1,0 +1,108 @@
+# shellcheck shell=bash
+# The two commands of a newcomer, as far as a test can be one.
+
+summary_is_good() {
+  grep -qE '^Frames +[1-9][0-9]* captured$' "$1" || fail "no frames: $(cat "$1")"
+  grep -qE '^ +[1-9][0-9]* x 514 ' "$1" || fail "no interval event"
+  grep -q '^ *1 x 525 ' "$1" || fail "web1 did not fire once"
+  grep -q '^ *1 x 520 ' "$1" || fail "web2 did not fire once"
+  grep -qE '^Recordings +[1-9]' "$1" || fail "no recordings"
+  grep -qE '^[0-9:]{8}  recording .*\.jpg, 36748 bytes$' "$1" || fail "no recording was shown"
+  grep -qE '^[0-9:]{8} +[1-9][0-9.]* frames/s' "$1" || fail "no frames were shown"
+}
+
+# A sanitized daemon under a shell that counts seconds: the same, with more time.
+run_seconds=$((slow > 1 ? 12 : 6))
+
+test_run_for_some_seconds() {
+  timeout 100 "$root/scripts/run" --build "$build" --board "$work/run" --for $run_seconds >"$work/shown"
+  summary_is_good "$work/shown"
+  find "$work/run/usb" -name '*.jpg' -exec cmp "$picture" {} \;
+  expect "$(cat "$work/run"/run/*.pid | while read -r pid; do is_gone "$pid" || echo "$pid"; done)" "" \
+    "processes"
+}
+
+test_run_as_an_ordinary_user() {
+  [ "$(id -u)" -eq 0 ] || skip "this whole test runs as an ordinary user"
+  local user
+  user=$(awk -F: '$3 >= 1000 && $3 < 60000 {print $1; exit}' /etc/passwd)
+  if [ -z "$user" ]; then
+    useradd --system video_svr-test 2>/dev/null || skip "there is no ordinary user"
+    user=video_svr-test
+  fi
+  # The checkout may lie where the user may not look: what is needed is copied.
+  local home=$work/home
+  mkdir "$home" "$home/project" "$home/built" "$home/runtime"
+  cp -R "$root/board" "$root/scripts" "$home/project/"
+  (cd "$build" && cp --parents core/video_svr tools/camctl board/socmond "$home/built/")
+  chown -R "$user" "$home"
+  chmod 711 "$work"
+  setpriv --reuid "$user" --regid "$(id -g "$user")" --clear-groups \
+    env -u XDG_RUNTIME_DIR HOME="$home" XDG_RUNTIME_DIR="$home/runtime" \
+    timeout 100 "$home/project/scripts/run" --build "$home/built" --board "$home/camera" \
+    --for $run_seconds >"$work/shown"
+  summary_is_good "$work/shown"
+  expect "$(stat -c %U "$home/camera/usb/pictures")" "$user" "owner of the recordings"
+}
+
+test_run_shows_another_picture() {
+  { cat "$picture" && head -c 300000 /dev/zero; } >"$work/large.jpg"
+  timeout 100 "$root/scripts/run" --build "$build" --board "$work/run" --picture "$work/large.jpg" \
+    --for $run_seconds >"$work/shown"
+  grep -q "recording .*, $(stat -c %s "$work/large.jpg") bytes" "$work/shown" || fail "$(cat "$work/shown")"
+}
+
+begin_run() {
+  "$root/scripts/run" --build "$build" --board "$work/run" >"$work/shown" 2>&1 &
+  script=$!
+  boxes+=("$script")
+  eventually 30 grep -q frames/s "$work/shown"
+  pids=$(cat "$work/run/run/video_svr.pid" "$work/run/run/socmond.pid")
+}
+
+all_gone() {
+  local pid
+  for pid in $pids; do is_gone "$pid" || return 1; done
+}
+
+test_interrupt_ends_everything() {
+  begin_run
+  local begun code=0
+  begun=$(now_ms)
+  kill -TERM "$script"
+  wait "$script" || code=$?
+  [ $(($(now_ms) - begun)) -lt $((2000 * slow)) ] || fail "took $(($(now_ms) - begun)) ms"
+  expect $code 130 "exit status"
+  all_gone || fail "something runs on"
+  grep -q '^Recordings' "$work/shown" || fail "no summary"
+}
+
+test_kill_of_the_script_ends_everything() {
+  begin_run
+  kill -KILL "$script"
+  eventually 8 all_gone
+}
+
+# Debian's package database in which one package is missing, and nobody who could install it.
+test_missing_package_is_named() {
+  mkdir "$work/bin"
+  printf '#!/bin/sh\nfor last; do :; done\n[ "$last" = libinih-dev ] || printf installed\n' \
+    >"$work/bin/dpkg-query"
+  printf '#!/bin/sh\nexit 1\n' >"$work/bin/apt-get"
+  cp "$work/bin/apt-get" "$work/bin/sudo"
+  chmod +x "$work/bin"/*
+  local code=0
+  PATH=$work/bin:$PATH "$root/scripts/run" --for 1 >"$work/shown" 2>&1 || code=$?
+  expect $code 1 "exit status"
+  grep -q '^  libinih-dev$' "$work/shown" || fail "$(cat "$work/shown")"
+  ! grep -q 'Building' "$work/shown" || fail "it did not stop"
+}
+
+test_scripts_are_sound() {
+  command -v shellcheck >/dev/null || skip "shellcheck is not installed"
+  cd "$root" || exit
+  {
+    find board scripts/run tests/board -type f -print0 | xargs -0 grep -lIE '^#!.*(bash|/sh)$'
+    ls scripts/lib/*.sh tests/board/*.sh board/common.sh
+  } | xargs shellcheck -x -P SCRIPTDIR
+}
