@@ -1,5 +1,7 @@
 // camctl dump: the stream to standard output.
+#include <poll.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -14,15 +16,21 @@ namespace {
 
 enum class Written { kAll, kEnd, kError };
 
+// As much as a pipe that is ready takes without blocking, so that the end can be asked for
+// meanwhile.
+constexpr std::size_t kPiece = 4096;
+
 // Writes out of the frame itself, which stays pinned meanwhile: a slow reader of ours costs the
 // camera one frame of depth and never makes it wait.
 Written writeOut(const char* data, std::size_t size) {
-  std::size_t done = 0;
-  while (done < size) {
-    const ssize_t n = write(STDOUT_FILENO, data + done, size - done);
+  for (std::size_t done = 0; done < size;) {
+    if (endAsked()) return Written::kEnd;
+    pollfd out{STDOUT_FILENO, POLLOUT, 0};
+    if (poll(&out, 1, static_cast<int>(kWaitMs)) <= 0) continue;
+    const ssize_t n = write(STDOUT_FILENO, data + done, std::min(size - done, kPiece));
     if (n >= 0) {
       done += static_cast<std::size_t>(n);
-    } else if (endAsked() || errno == EPIPE) {
+    } else if (errno == EPIPE) {
       return Written::kEnd;
     } else if (errno != EINTR) {
       return Written::kError;
