@@ -184,34 +184,35 @@ int getIniKey(const char* file, const char* section, const char* prefix, int fro
 
 namespace {
 
-int getter(const char* key, int* value) {
+// `function` is "get_" and the key.
+int getter(const char* function, int* value) {
   FakeScope scope;
-  const std::string function = "get_" + std::string(key);
+  const char* const key = function + 4;
   std::string text;
-  if (fake().failing(function.c_str()) || !fake().findConfig(key, &text)) return -1;
+  if (fake().failing(function) || !fake().findConfig(key, &text)) return -1;
   *value = std::atoi(text.c_str());
   return 0;
 }
 
 }  // namespace
 
-int get_resolution(int* value) { return getter("resolution", value); }
-int get_compress_rate(int* value) { return getter("compress_rate", value); }
-int get_compression_type(int* value) { return getter("compression_type", value); }
-int get_ip_ratio(int* value) { return getter("ip_ratio", value); }
-int get_video_source(int* value) { return getter("video_source", value); }
-int get_brightness(int* value) { return getter("brightness", value); }
-int get_contrast(int* value) { return getter("contrast", value); }
-int get_saturation(int* value) { return getter("saturation", value); }
-int get_hue(int* value) { return getter("hue", value); }
-int get_flip(int* value) { return getter("flip", value); }
-int get_mirror(int* value) { return getter("mirror", value); }
-int get_exposure(int* value) { return getter("exposure", value); }
-int get_max_exposure(int* value) { return getter("max_exposure", value); }
-int get_flickness(int* value) { return getter("flickness", value); }
-int get_white_balance(int* value) { return getter("white_balance", value); }
-int get_noise_reduction(int* value) { return getter("noise_reduction", value); }
-int get_backlight_comp(int* value) { return getter("backlight_comp", value); }
+int get_resolution(int* value) { return getter("get_resolution", value); }
+int get_compress_rate(int* value) { return getter("get_compress_rate", value); }
+int get_compression_type(int* value) { return getter("get_compression_type", value); }
+int get_ip_ratio(int* value) { return getter("get_ip_ratio", value); }
+int get_video_source(int* value) { return getter("get_video_source", value); }
+int get_brightness(int* value) { return getter("get_brightness", value); }
+int get_contrast(int* value) { return getter("get_contrast", value); }
+int get_saturation(int* value) { return getter("get_saturation", value); }
+int get_hue(int* value) { return getter("get_hue", value); }
+int get_flip(int* value) { return getter("get_flip", value); }
+int get_mirror(int* value) { return getter("get_mirror", value); }
+int get_exposure(int* value) { return getter("get_exposure", value); }
+int get_max_exposure(int* value) { return getter("get_max_exposure", value); }
+int get_flickness(int* value) { return getter("get_flickness", value); }
+int get_white_balance(int* value) { return getter("get_white_balance", value); }
+int get_noise_reduction(int* value) { return getter("get_noise_reduction", value); }
+int get_backlight_comp(int* value) { return getter("get_backlight_comp", value); }
 
 int get_frame_rate(char* text, int size) {
   FakeScope scope;

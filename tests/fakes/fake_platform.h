@@ -15,11 +15,13 @@
 //   end(NAME)  delete(NAME)           i2avi(1520)                   free_log()  usage(audio)
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -139,13 +141,21 @@ class FakePlatform {
   bool moveClock(std::int64_t microseconds);  // true iff it ended early
   bool pauseInRealTime(std::int64_t microseconds);
   bool runDue(std::int64_t until);
+  bool nothingDueUntil(std::int64_t end) const;
   void checkEndless();
+  void countAsked(const char* function);
 
   FakePlatform* before_;
   mutable std::mutex lock_;
   std::vector<std::string> calls_;
   std::vector<long> pausesUs_;
-  std::map<std::string, long, std::less<>> asked_;
+  // How often each function was asked, by the address of its name. Without a lock, because it is
+  // counted on every call.
+  struct Asked {
+    std::atomic<const char*> function{nullptr};
+    std::atomic<long> times{0};
+  };
+  std::array<Asked, 256> asked_;
   std::atomic<bool> keepCalls_{true};
   std::atomic<bool> watched_{false};  // by onCall_
   std::function<void(const std::string&)> onCall_;
@@ -154,14 +164,16 @@ class FakePlatform {
     int error;
   };
   std::map<std::string, Failure, std::less<>> failures_;
+  std::atomic<bool> anyFailure_{false};
   std::multimap<std::int64_t, std::function<void()>> due_;
-  std::function<void(long)> onPause_;
+  std::shared_ptr<const std::function<void(long)>> onPause_;
   std::function<void(bool)> onLeave_;
   std::int64_t stopAtUs_ = -1;
   long stopAfterPauses_ = -1;
   long pausesAfterStop_ = 0;
   std::map<std::string, std::string> config_;
   std::deque<TMessage> messages_;
+  std::atomic<bool> anyMessage_{false};
   std::vector<std::string> stuck_;
   std::function<int(const std::string&)> onCommand_;
   std::function<int(int, unsigned long, void*)> onIoctl_;

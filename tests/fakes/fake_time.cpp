@@ -45,7 +45,7 @@ void FakePlatform::at(double seconds, std::function<void()> callback) {
 
 void FakePlatform::onPause(std::function<void(long)> callback) {
   std::lock_guard<std::mutex> guard(lock_);
-  onPause_ = std::move(callback);
+  onPause_ = std::make_shared<const std::function<void(long)>>(std::move(callback));
 }
 
 void FakePlatform::stopAfterPasses(long pauses) {
@@ -75,19 +75,21 @@ void FakePlatform::advance(double seconds) {
 bool FakePlatform::pause(std::int64_t microseconds, bool counted) {
   FakeScope scope;
   if (microseconds <= 0) return false;
-  std::function<void(long)> callback;
+  std::shared_ptr<const std::function<void(long)>> callback;
+  bool limited = false;
   if (counted) {
     std::lock_guard<std::mutex> guard(lock_);
     if (keepCalls_) pausesUs_.push_back(static_cast<long>(microseconds));
     callback = onPause_;
+    limited = stopAfterPauses_ > 0;
   }
   if (stopAsked()) {
     checkEndless();
     return true;
   }
   const bool early = clock.factor() != 0 ? pauseInRealTime(microseconds) : moveClock(microseconds);
-  if (callback) callback(static_cast<long>(microseconds));
-  if (counted) {
+  if (callback && *callback) (*callback)(static_cast<long>(microseconds));
+  if (limited) {
     std::unique_lock<std::mutex> guard(lock_);
     if (stopAfterPauses_ > 0 && --stopAfterPauses_ == 0) {
       guard.unlock();
@@ -104,9 +106,18 @@ void FakePlatform::checkEndless() {
   std::abort();
 }
 
+bool FakePlatform::nothingDueUntil(std::int64_t end) const {
+  std::lock_guard<std::mutex> guard(lock_);
+  return (stopAtUs_ < 0 || stopAtUs_ > end) && (due_.empty() || due_.begin()->first > end);
+}
+
 // Everything that is due happens at its own instant, in order.
 bool FakePlatform::moveClock(std::int64_t microseconds) {
   const std::int64_t end = clock.monotonicUs() + microseconds;
+  if (nothingDueUntil(end)) {
+    clock.advanceUs(microseconds);
+    return false;
+  }
   for (;;) {
     std::function<void()> callback;
     std::int64_t next = end;
