@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <functional>
 #include <map>
 #include <string>
@@ -155,9 +156,7 @@ void sayNoCamera(const std::string& root) {
   }
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
   CLI::App app{"Talks to a running camera.", "camctl"};
   app.footer(kExamples);
   app.require_subcommand(1);
@@ -195,4 +194,16 @@ int main(int argc, char** argv) {
     return kExitFailed;
   }
   return status->parsed() ? runStatus(root, pid, options.json) : command();
+}
+
+}  // namespace
+
+// A lack of memory is the only exception that gets as far as here.
+int main(int argc, char** argv) {
+  try {
+    return run(argc, argv);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "camctl: %s\n", error.what());
+  }
+  return kExitFailed;
 }
