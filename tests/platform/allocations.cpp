@@ -3,10 +3,6 @@
 #include <atomic>
 #include <cstddef>
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#include <sanitizer/allocator_interface.h>
-#endif
-
 namespace {
 std::atomic<unsigned> count{0};
 }  // namespace
@@ -15,7 +11,10 @@ unsigned allocationCount() { return count; }
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 
-// The sanitizers have their own allocator, and call back.
+// The sanitizers have their own allocator, and call back. Their header does not come with GCC.
+extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*allocated)(const volatile void*,
+                                                                           std::size_t),
+                                                         void (*freed)(const volatile void*));
 namespace {
 void allocated(const volatile void*, std::size_t) { count.fetch_add(1, std::memory_order_relaxed); }
 void freed(const volatile void*) {}
