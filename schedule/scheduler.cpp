@@ -17,7 +17,8 @@ TScheduler::TScheduler(long slots)
     : PThread("pthread"), alarms_(static_cast<std::size_t>(slots < 0 ? 0 : slots)) {}
 
 TScheduler::~TScheduler() {
-  if (running()) stop(true);
+  // Also when it was asked to end already: its body may not have returned yet.
+  stop(true);
 }
 
 bool TScheduler::add(void* owner, const char* name, TSchedule::Callback callback) {
