@@ -128,6 +128,7 @@ std::int32_t FakeStream::push(const std::string& payload, const TDateTime& time,
   std::memset(to->userdata, 0, sizeof to->userdata);
   std::memcpy(reinterpret_cast<char*>(to) + kFrameHeadBytes, payload.data(), payload.size());
   publish(index);
+  std::lock_guard<std::mutex> guard(lock_);
   return latest_;
 }
 

@@ -30,6 +30,7 @@ class RecorderClock : public RecordFixture {
     begin = fake.clock.monotonicUs();
     fake.at(stepMs / 1000.0, [this, step] { fake.stepWallClock(step); });
     recorder.start(kSeconds);
+    fake.stopAfter(60);  // rather fail than hang
     EXPECT_EQ(1, runBodies(recorder));
     lastedMs = static_cast<long>((fake.clock.monotonicUs() - begin) / 1000) - 1000;  // at its end
     fake.advance(30);

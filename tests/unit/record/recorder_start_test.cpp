@@ -108,6 +108,21 @@ TEST_F(RecorderStart, OnAnotherBufferAtAnyInstantRecordsFromThere) {
   }
 }
 
+TEST_F(RecorderStart, WhileTheLastPictureIsStoredCarriesTheRecordingOn) {
+  bool started = false;
+  recorder.onStep = [&](const std::string& reached) {
+    if (reached == "capture" && !started) {
+      started = true;
+      recorder.start(3);
+    }
+  };
+  pictures(fake.video2, 0.05, 0.1, 12);
+  recorder.start(0);
+  EXPECT_EQ(1, runBodies(recorder));
+  EXPECT_THAT(recorder.steps, Contains("initial").Times(1));
+  EXPECT_THAT(recorder.times(), SizeIs(testing::Ge(4U)));
+}
+
 TEST_F(RecorderStart, DuringAFailedStepLeadsToAnotherAttempt) {
   for (const char* step : {"initial", "preview", "name", "capture"}) {
     recorder.refuse = step;
