@@ -1,6 +1,13 @@
 # shellcheck shell=bash
 # Installation of what a script needs from the distribution; sourced.
 
+# What building everything needs, here and in the scripts that source this.
+# shellcheck disable=SC2034
+build_packages=(build-essential cmake ninja-build googletest libbenchmark-dev libinih-dev libcli11-dev
+  libasound2-dev)
+# shellcheck disable=SC2034
+board_packages=(bubblewrap)  # what running a board needs
+
 # missing_packages PACKAGE...: those that are not installed, one a line.
 missing_packages() {
   local package
