@@ -48,6 +48,7 @@ TSchedule::TSchedule(void* owner, const char* name, Callback callback)
     : owner_(owner), name_(name), callback_(callback) {}
 
 bool TSchedule::set(const char* name) {
+  sod_ = TDateTime::sod();
   if (strcasecmp(name, "always") == 0) {
     starts_.push_back(timeOfDay("00:00:00"));
     stops_.push_back(timeOfDay("23:59:59"));
@@ -111,6 +112,9 @@ bool TSchedule::inside(const TDateTime& now, unsigned weekday) const {
   now.decodeTime(hour, minute, second);
   TDateTime time;
   time.encode(2000, 0, 1, hour, minute, second);  // the reference day of the intervals
+  // They were placed on that day in the zone of their loading. A zone that was changed since has
+  // the same day at another point in time.
+  time = TDateTime(time.seconds() - TDateTime::sod().seconds() + sod_.seconds(), 0);
   for (std::size_t i = 0; i < starts_.size() && i < stops_.size(); ++i)
     if (starts_[i] <= time && time <= stops_[i]) return true;
   return false;

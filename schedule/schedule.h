@@ -31,6 +31,7 @@ class TSchedule {
   bool validate();
 
   // Evaluates the schedule at the local time `now`, and calls back when it has just begun or ended.
+  // A change of the time zone since set() makes no difference: 08:00 is 08:00 on the clock.
   // `weekday`: 0 = Sunday; above 6 nothing is active.
   void test(TDateTime now, unsigned weekday);
 
@@ -46,6 +47,7 @@ class TSchedule {
   const char* name_;
   Callback callback_;
   std::vector<bool> weekdays_;
+  TDateTime sod_;                  // start of the reference day in the zone of the intervals
   std::vector<TDateTime> starts_;  // on the reference day, as stops_
   std::vector<TDateTime> stops_;   // stops_[i] belongs to starts_[i]; both ends are inside
 };

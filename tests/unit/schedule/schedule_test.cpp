@@ -246,6 +246,20 @@ TEST_F(Schedule, FractionsOfTheLastSecondAreInside) {
   EXPECT_EQ(edges_, Edges{true});
 }
 
+// The daylight-saving update and the web interface change the zone of a running camera.
+TEST_F(Schedule, AChangeOfTheTimeZoneLeavesTheTimesOfDay) {
+  fake_.setTimeZone("<+01>-1");
+  office("Items=2\nStart1=08:00:00\nStop1=18:00:00\nStart2=23:00:00\nStop2=23:59:59");
+  ASSERT_TRUE(load("office"));
+  for (const char* zone : {"<+01>-1", "<+02>-2", "UTC0", "<-12>12", "<+14>-14", "<+01>-1"}) {
+    fake_.setTimeZone(zone);
+    for (const char* time : {"08:00:00", "18:00:00", "23:00:00", "23:59:59"})
+      EXPECT_TRUE(on(time)) << time << " in " << zone;
+    for (const char* time : {"00:00:00", "07:59:59", "18:00:01", "22:59:59"})
+      EXPECT_FALSE(on(time)) << time << " in " << zone;
+  }
+}
+
 TEST_F(Schedule, CopiesHaveTheirOwnStateAndTheSameName) {
   ASSERT_TRUE(load("always"));
   TDateTime now;
