@@ -235,6 +235,37 @@ TEST_F(EventKinds, FirstIntervalEventBoundToAlwaysFiresAtTheRefreshAndAtTheFirst
   EXPECT_EQ(1, registeredAlarms());
 }
 
+// --- Steps of the wall clock
+
+TEST_F(EventKinds, StepsOfTheWallClockChangeNoPauseNoIntervalAndNoPulse) {
+  MovingCamera camera;
+  camera.status[0] = 1;
+  for (const long step : {1L, -1L, 3600L, -3600L, 86400L, -86400L}) {
+    SCOPED_TRACE(step);
+    TMotion1Event motion("always", "", 200, &camera);
+    motion.handlers.push_back(std::make_unique<TOutHandler>(1, 3));
+    TIntervalEvent interval("office", "", 2000);
+    interval.handlers.push_back(std::make_unique<TBuzzerHandler>(0));
+    motion.run();
+    fake.onPause([this, step](long) { fake.stepWallClock(step); });
+    const auto before = fake.clock.monotonicUs();
+    fake.stopAfterPasses(4);
+    fake.runBody(motion);
+    EXPECT_EQ(4400000, fake.clock.monotonicUs() - before);
+    interval.onStarted();
+    fake.clearCalls();
+    const auto pulse = fake.clock.monotonicUs();
+    schedulerPasses(7);
+    EXPECT_EQ(7000000, fake.clock.monotonicUs() - pulse);
+    // The pulse ends on the fourth pass, the interval comes on the third, fifth and seventh.
+    EXPECT_THAT(actions(),
+                ElementsAre("system(ptcmd BTONE=1 &)", "log_event(521)",
+                            "SendMessage(socmond,59,0,0)", "system(ptcmd BTONE=1 &)",
+                            "log_event(521)", "system(ptcmd BTONE=1 &)", "log_event(521)"));
+    fake.onPause(nullptr);
+  }
+}
+
 // --- Schedule
 
 TEST_F(EventKinds, ScheduleEventTellsItsHandlersFromTheLastToTheFirst) {

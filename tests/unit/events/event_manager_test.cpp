@@ -70,6 +70,15 @@ TEST_F(Manager, MaxOfZeroOrLessReadsNoSection) {
   }
 }
 
+TEST_F(Manager, SchedulerIsStartedForAnAlarmAlsoWhenNoSectionIsRead) {
+  char owner = 0;
+  set("Main", "Max", "0");
+  scheduler()->alarm(&owner, 100, [](void*) { return false; });
+  build();
+  EXPECT_TRUE(fake.started(*scheduler()));
+  scheduler()->alarm(&owner, 0, nullptr);
+}
+
 TEST_F(Manager, MaxOfTwoThousandMillionCostsWhatThereIs) {
   section("1", "2");
   section("1999999999", "3");
@@ -276,6 +285,17 @@ TEST_F(Manager, AccessEventBoundToAlwaysIsStoppedByTheCleanAlone) {
   manager->clean();
   EXPECT_THAT(fake.callsWith("sbSetUserdata(video,24,"),
               ElementsAre("sbSetUserdata(video,24,32)", "sbSetUserdata(video,24,0)"));
+}
+
+TEST_F(Manager, CleanTellsTheHandlersOfAScheduleEventItsEndBeforeItDeletesThem) {
+  section("1", "4", "always");
+  build();
+  std::vector<std::string> told;
+  manager->events()[0]->handlers.push_back(std::make_unique<ToldHandler>("a", &told));
+  schedulerPasses(10);
+  EXPECT_THAT(told, ElementsAre("started a"));  // by the scheduler's first evaluation
+  manager->clean();
+  EXPECT_THAT(told, ElementsAre("started a", "stopped a", "delete a"));
 }
 
 TEST_F(Manager, RefreshThrowsAwayWhatTheLastOneBuilt) {
