@@ -57,6 +57,23 @@ test_status_for_programs() {
   expect "$(jq -r '.buffers.video.frames | length' "$work/json")" 16 frames
 }
 
+# A wrong model leaves the daemon without a camera; it keeps house all the same.
+test_camera_without_a_picture_is_a_running_camera() {
+  write_events 'Source = 6' 'Buzzer = 1'
+  start_daemon -B520 -mv
+  eventually 10 camera_is_up
+  camctl status | grep -q "process $daemon\$" || fail "another process"
+  camctl set hue 3
+  expect "$(exit_of camctl grab "$work/picture.jpg")" 4 "camctl grab"
+  expect "$(exit_of camctl watch --for 1)" 0 "camctl watch"
+}
+
+test_sound_alone_is_a_running_camera() {
+  start_daemon -ma
+  eventually 10 camera_is_up
+  expect "$(exit_of camctl grab "$work/picture.jpg")" 4 "camctl grab"
+}
+
 test_get_shows_what_set_has_set() {
   start_camera
   camctl set brightness 60

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <fstream>
 #include <memory>
 
 #include "platform/linux/stream_buffer_layout.h"
@@ -35,19 +36,37 @@ std::string linkTarget(const std::string& path) {
   return length > 0 ? std::string(target, static_cast<std::size_t>(length)) : std::string();
 }
 
+bool isDaemon(pid_t pid) {
+  std::ifstream file("/proc/" + std::to_string(pid) + "/comm");
+  std::string name;
+  return std::getline(file, name) && name == "video_svr";
+}
+
 }  // namespace
+
+pid_t daemonAmong(const std::function<pid_t(int byte)>& ownerOf) {
+  const pid_t writer = ownerOf(sb::kWriterByte);
+  if (writer > 0) return writer;
+  for (int lease = 0; lease < static_cast<int>(sb::kLeases); ++lease) {
+    const pid_t user = ownerOf(lease);
+    if (user > 0 && isDaemon(user)) return user;
+  }
+  return 0;
+}
 
 pid_t cameraAt(const std::string& root) {
   const int fd = open((root + "/dev/shm/camera/video").c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return errno == ENOENT || errno == ENOTDIR ? 0 : -1;
-  struct flock writer {};
-  writer.l_type = F_WRLCK;
-  writer.l_whence = SEEK_SET;
-  writer.l_start = sb::kWriterByte;
-  writer.l_len = 1;
-  const bool asked = fcntl(fd, F_GETLK, &writer) == 0;
+  const pid_t daemon = daemonAmong([fd](int byte) {
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = byte;
+    lock.l_len = 1;
+    return fcntl(fd, F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK ? lock.l_pid : 0;
+  });
   close(fd);
-  return asked && writer.l_type != F_UNLCK ? writer.l_pid : 0;
+  return daemon;
 }
 
 std::vector<std::string> runningCameras() {

@@ -4,11 +4,12 @@
 
 #include "platform/linux/stream_buffer_handle.h"
 #include "platform/stream_buffer.h"
+#include "tools/camctl/boards.h"
 #include "tools/camctl/exit_codes.h"
 
 bool cameraRuns() {
   SB_HANDLE* video = sbVideo();
-  return video != nullptr && video->lockOwner(sb::kWriterByte) != 0;
+  return video != nullptr && daemonAmong([video](int byte) { return video->lockOwner(byte); }) != 0;
 }
 
 int sayNoPicture() {

@@ -1,7 +1,7 @@
 // The camera that this process is attached to.
 #pragma once
 
-// Returns true iff a process still writes the camera's stream.
+// Returns true iff the camera's daemon still runs.
 bool cameraRuns();
 
 // For a command that is stuck without frames: says why on standard error and returns the exit code,
