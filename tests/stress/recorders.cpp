@@ -33,6 +33,12 @@ class ModalCamera : public TCamera {
   std::atomic<int> mode{0};
 };
 
+// Spins for a random while, to meet any instant of the other thread.
+void linger(std::mt19937& random) {
+  for (volatile auto i = random() % 1000; i > 0; i = i - 1) {
+  }
+}
+
 // Notes when the newest picture that it was given was taken, and tells of each one.
 class CountingRecorder : public TRecorder {
  public:
@@ -48,8 +54,12 @@ class CountingRecorder : public TRecorder {
         std::stoul(std::string(data + 2, static_cast<std::size_t>(length - 2))));
     newestMs.store(ms, std::memory_order_relaxed);
     stored.fetch_add(1, std::memory_order_relaxed);
+    if (random_() % 2 == 0) std::this_thread::sleep_for(microseconds(random_() % 200));
     return !fails.load(std::memory_order_relaxed);
   }
+
+ private:
+  std::mt19937 random_{3};
 };
 
 class RecorderStress : public testing::Test {
@@ -75,14 +85,9 @@ class RecorderStress : public testing::Test {
     const auto end = Clock::now() + std::chrono::seconds(30);
     while (!condition()) {
       if (Clock::now() > end) return false;
-      std::this_thread::sleep_for(microseconds(50));
+      std::this_thread::yield();  // as soon as possible, to meet the other thread in its last steps
     }
     return true;
-  }
-  // Spins for a random while, to meet any instant of the other thread.
-  static void linger(std::mt19937& random) {
-    for (volatile auto i = random() % 4000; i > 0; i = i - 1) {
-    }
   }
 
   FakePlatform fake;
