@@ -186,6 +186,18 @@ TEST_F(Schedule, WithoutItemsItIsNotUsable) {
 
 TEST_F(Schedule, AMissingFileHasNoSchedules) { EXPECT_FALSE(load("office")); }
 
+TEST_F(Schedule, NumbersThatAreNoneCountAsTheirDefaults) {
+  const std::string times = "Start1=01:00:00\nStop1=02:00:00\n";
+  fake_.ini.file(TSchedule::inf, "[Main]\nMax=many\n[11]\nErased=0\nName=eleven\nItems=1\n" +
+                                     times + "[10]\nErased=0\nName=ten\nItems=1\n" + times +
+                                     "[9]\nErased=no\nName=gone\nItems=1\n" + times +
+                                     "[8]\nErased=0\nName=none\nItems=all\n" + times);
+  EXPECT_FALSE(load("eleven"));
+  EXPECT_TRUE(load("ten"));
+  EXPECT_FALSE(TSchedule(this, "", note).set("gone"));
+  EXPECT_FALSE(TSchedule(this, "", note).set("none"));
+}
+
 TEST_F(Schedule, OnlyAsManyIntervalsAsItemsSaysAreRead) {
   office(
       "Items=2\nStart3=05:00:00\nStop3=06:00:00\nStart1=01:00:00\nStop1=02:00:00\n"
@@ -258,6 +270,20 @@ TEST_F(Schedule, AChangeOfTheTimeZoneLeavesTheTimesOfDay) {
     for (const char* time : {"00:00:00", "07:59:59", "18:00:01", "22:59:59"})
       EXPECT_FALSE(on(time)) << time << " in " << zone;
   }
+}
+
+TEST_F(Schedule, GoesByTheClockOnTheWallAlsoAfterTheTimeZoneHasChanged) {
+  FakePlatform::setTimeZone("CET-1");
+  office("Items=1\nStart1=08:00:00\nStop1=18:00:00");
+  ASSERT_TRUE(load("office"));
+  for (const char* zone : {"CET-1", "CEST-2", "AEST-10", "HST10"}) {
+    FakePlatform::setTimeZone(zone);
+    EXPECT_FALSE(on("07:59:59")) << zone;
+    EXPECT_TRUE(on("08:00:00")) << zone;
+    EXPECT_TRUE(on("18:00:00")) << zone;
+    EXPECT_FALSE(on("18:00:01")) << zone;
+  }
+  FakePlatform::setTimeZone("UTC0");
 }
 
 TEST_F(Schedule, CopiesHaveTheirOwnStateAndTheSameName) {
