@@ -27,21 +27,27 @@ std::uint32_t loadLe16(const unsigned char* bytes) {
 }
 
 struct Format {
-  std::uint32_t channels = 0;
-  std::uint32_t rate = 0;
-  std::uint32_t bytes = 0;  // of one sample of one channel
+  bool known = false;
+  std::uint32_t channels = 1;
+  std::uint32_t rate = kAudioRate;
+  std::uint32_t bytes = 1;  // of one sample of one channel
 
   // Takes the chunk "fmt ". Returns false iff it tells of something else than linear samples.
   bool set(const unsigned char* chunk, std::size_t size) {
     if (size < kFormatBytes) return false;
     std::uint32_t tag = loadLe16(chunk);
     if (tag == kExtensible && size >= kExtendedBytes) tag = loadLe16(chunk + kExtendedBytes - 2);
-    channels = loadLe16(chunk + 2);
-    rate = loadLe32(chunk + 4);
+    const std::uint32_t newChannels = loadLe16(chunk + 2);
+    const std::uint32_t newRate = loadLe32(chunk + 4);
     const std::uint32_t bits = loadLe16(chunk + 14);
+    if (tag != kLinear || bits % 8 != 0 || bits < 8 || bits > 32 || newChannels < 1 ||
+        newChannels > kMostChannels || newRate < 1 || newRate > kFastest)
+      return false;
+    channels = newChannels;
+    rate = newRate;
     bytes = bits / 8;
-    return tag == kLinear && bits % 8 == 0 && bytes >= 1 && bytes <= 4 && channels >= 1 &&
-           channels <= kMostChannels && rate >= 1 && rate <= kFastest;
+    known = true;
+    return true;
   }
 };
 
@@ -65,7 +71,7 @@ class WavInput : public AudioInput {
         unsigned char format[kExtendedBytes];
         const std::size_t length = std::min<std::size_t>(size, sizeof format);
         if (!take(format, length) || !format_.set(format, length)) return "no linear samples";
-      } else if (std::memcmp(chunk, "data", 4) == 0 && format_.channels != 0) {
+      } else if (std::memcmp(chunk, "data", 4) == 0 && format_.known) {
         begin_ = place;
         // What a recorder that was cut off left as 0 means "to the end".
         length_ = size == 0 ? UINT32_MAX : size;
@@ -84,7 +90,7 @@ class WavInput : public AudioInput {
     for (long i = 0; i < count; ++i) {
       std::int64_t sum = 0;
       std::uint32_t wanted = format_.rate;  // in parts of 1 / (rate * 8000) s
-      while (wanted > 0) {
+      do {
         if (left_ == 0) {
           if (!next()) {
             *error = "no samples";
@@ -96,7 +102,7 @@ class WavInput : public AudioInput {
         sum += std::int64_t{part} * value_;
         wanted -= part;
         left_ -= part;
-      }
+      } while (wanted > 0);
       samples[i] = static_cast<std::int16_t>(sum / format_.rate);
     }
     return count;
@@ -146,8 +152,8 @@ class WavInput : public AudioInput {
     const std::size_t size = std::size_t{format_.bytes} * format_.channels;
     if (rest_ < size || !take(bytes, size)) return false;
     rest_ -= static_cast<std::uint32_t>(size);
-    int sum = 0;
-    for (std::uint32_t channel = 0; channel < format_.channels; ++channel)
+    int sum = linear(bytes);
+    for (std::uint32_t channel = 1; channel < format_.channels; ++channel)
       sum += linear(bytes + std::size_t{channel} * format_.bytes);
     value_ = sum / static_cast<int>(format_.channels);
     return true;
