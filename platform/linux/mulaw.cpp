@@ -1,7 +1,7 @@
 #include "platform/linux/mulaw.h"
 
-// A sample is a sign, one of eight segments, each twice as steep as the one before it, and one of 16
-// steps in it. With the bias added the segments begin at powers of two, from 128 on.
+// A sample is a sign, one of eight segments, each twice as steep as the one before it, and one of
+// 16 steps in it. With the bias added the segments begin at powers of two, from 128 on.
 unsigned char toMulaw(std::int16_t sample) {
   constexpr int kBias = 132;
   constexpr int kLargest = 32767 - kBias;
