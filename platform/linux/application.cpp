@@ -1,5 +1,6 @@
 #include "platform/application.h"
 
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -55,6 +56,15 @@ void armSignals() {
   pthread_sigmask(SIG_UNBLOCK, &needed, nullptr);
 }
 
+// A process that was started without standard descriptors must not take the next file or device
+// that it opens for its standard error, nor hand it to commands.
+void fillStandardDescriptors() {
+  int fd = open("/dev/null", O_RDWR | O_CLOEXEC);
+  for (; fd >= 0 && fd <= STDERR_FILENO; fd = open("/dev/null", O_RDWR | O_CLOEXEC))
+    fcntl(fd, F_SETFD, 0);  // commands have them too
+  if (fd >= 0) close(fd);
+}
+
 int runHooks(TApplication& application) {
   if (!application.onInitial()) return 1;
   const bool ran = application.onRunning();
@@ -81,6 +91,7 @@ int TApplication::main(int count, char** values) {
     logEx(3, "no application object");
     return 1;
   }
+  fillStandardDescriptors();
   stopFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   if (stopFd < 0 || !startWatchdog(stopFd)) {
     logEx(3, "can't watch over the shutdown: %s", std::strerror(errno));

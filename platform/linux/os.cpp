@@ -85,7 +85,9 @@ unsigned sleep(unsigned seconds) {
 }
 
 int usleep(unsigned long microseconds) {
-  if (ThreadAccess::pause(static_cast<std::int64_t>(microseconds)) == 0) return 0;
+  constexpr std::uint64_t kLongestUs = std::uint64_t{1} << 60;  // still a sum with the clock
+  const std::uint64_t us = std::min<std::uint64_t>(microseconds, kLongestUs);
+  if (ThreadAccess::pause(static_cast<std::int64_t>(us)) == 0) return 0;
   errno = EINTR;
   return -1;
 }

@@ -127,7 +127,7 @@ bool PThread::stop(bool wait) {
 }
 
 PThread::~PThread() {
-  PThread::stop(true);
+  if (!PThread::stop(true)) logEx(3, "thread %s is deleted while its body runs", state_->name);
   const Lock lock(state_->monitor);
   state_->again = false;
   state_->object = nullptr;

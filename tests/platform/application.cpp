@@ -1,9 +1,11 @@
 // The frame of the daemon: hooks, signals, and the end of the process within five seconds.
 #include "platform/application.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -107,6 +109,33 @@ TEST(Application, WithoutAnApplicationObjectNothingRuns) {
   });
   EXPECT_EQ(child.wait(), 1);
   EXPECT_THAT(child.output(), HasSubstr("no application object"));
+}
+
+TEST(Application, WithoutAWatchdogNothingRuns) {
+  Child child([] {
+    const rlimit standardOnly{3, 3};
+    setrlimit(RLIMIT_NOFILE, &standardOnly);
+    TestApplication application;
+    return runWith(application);
+  });
+  EXPECT_EQ(child.wait(), 1);
+  EXPECT_THAT(child.output(), HasSubstr("can't watch over the shutdown: Too many open files"));
+  EXPECT_THAT(child.output(), Not(HasSubstr("initial")));
+}
+
+TEST(Application, MissingStandardDescriptorsAreFilled) {
+  Child child([] {
+    TestApplication application;
+    application.running = [] {
+      for (int fd = 0; fd <= STDERR_FILENO; ++fd)
+        if (fcntl(fd, F_GETFD) != 0) return false;
+      return os::system("[ -e /proc/$$/fd/0 ] && [ -e /proc/$$/fd/1 ] && [ -e /proc/$$/fd/2 ]") ==
+             0;
+    };
+    for (int fd = 0; fd <= STDERR_FILENO; ++fd) close(fd);
+    return runWith(application);
+  });
+  EXPECT_EQ(child.wait(), 0);
 }
 
 TEST(Application, ArgumentsAreKept) {

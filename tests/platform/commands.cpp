@@ -60,14 +60,18 @@ TEST(Pauses, OfABodyEndWhenItIsAskedToStop) {
   EXPECT_EQ(second, -1);
 }
 
-TEST(Pauses, OfTheLongestKindEndToo) {
-  Body body([](Body&) {
-    os::sleep(std::numeric_limits<unsigned>::max());
-    os::usleep(std::numeric_limits<unsigned long>::max());
-  });
-  body.run();
-  ASSERT_TRUE(eventually([&] { return body.started == 1; }));
-  EXPECT_LT(msOf([&] { EXPECT_TRUE(body.stop(true)); }), 1000U);
+TEST(Pauses, OfTheLongestKindEndWithTheStopAlone) {
+  std::atomic<unsigned> left{0};
+  std::atomic<int> result{0};
+  Body longest([&](Body&) { left = os::sleep(std::numeric_limits<unsigned>::max()); });
+  Body finest([&](Body&) { result = os::usleep(std::numeric_limits<unsigned long>::max()); });
+  for (Body* body : {&longest, &finest}) {
+    body->run();
+    ASSERT_TRUE(eventually([&] { return body->started == 1; }));
+    EXPECT_LT(msOf([&] { EXPECT_TRUE(body->stop(true)); }), 1000U);
+  }
+  EXPECT_GT(left, 4000000000U);
+  EXPECT_EQ(result, -1);
 }
 
 TEST(Pauses, OfABodyThatEndsByItselfAreWhole) {
@@ -220,14 +224,10 @@ TEST(Commands, SurviveSignalsThatInterruptTheWait) {
 }
 
 TEST(Commands, FromManyThreadsGetTheirOwnStatus) {
-  std::vector<std::thread> callers;
-  for (int i = 0; i < 4; ++i) {
-    callers.emplace_back([i] {
-      const std::string command = "exit " + std::to_string(i + 10);
-      for (int n = 0; n < 10; ++n) EXPECT_EQ(WEXITSTATUS(os::system(command.c_str())), i + 10);
-    });
-  }
-  for (auto& caller : callers) caller.join();
+  atOnce(4, 10, [](int caller, int) {
+    const std::string command = "exit " + std::to_string(caller + 10);
+    EXPECT_EQ(WEXITSTATUS(os::system(command.c_str())), caller + 10);
+  });
 }
 
 TEST(Commands, WithoutAShellFail) {

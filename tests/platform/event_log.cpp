@@ -13,7 +13,6 @@
 #include <filesystem>
 #include <fstream>
 #include <set>
-#include <thread>
 #include <vector>
 
 #include "platform/linux/event_text.h"
@@ -163,13 +162,7 @@ TEST_F(EventLog, MissingFolderThatCannotBeMadeIsToldAndNothingElseFails) {
 }
 
 TEST_F(EventLog, LinesOfManyThreadsStayWhole) {
-  std::vector<std::thread> writers;
-  for (int i = 0; i < 4; ++i) {
-    writers.emplace_back([] {
-      for (int n = 0; n < 50; ++n) log_event(519);
-    });
-  }
-  for (auto& writer : writers) writer.join();
+  atOnce(4, 50, [](int, int) { log_event(519); });
   std::ifstream lines(root.path(kFile));
   int count = 0;
   for (std::string line; std::getline(lines, line); ++count)

@@ -183,13 +183,7 @@ TEST_F(Log, LinesOfManyThreadsStayWhole) {
     }
   });
   const std::string filling(200, '.');
-  std::vector<std::thread> writers;
-  for (int i = 0; i < 4; ++i) {
-    writers.emplace_back([&, i] {
-      for (int n = 0; n < 300; ++n) logEx(1, "%d/%d%s.", i, n, filling.c_str());
-    });
-  }
-  for (auto& writer : writers) writer.join();
+  atOnce(4, 300, [&](int caller, int n) { logEx(1, "%d/%d%s.", caller, n, filling.c_str()); });
   done = true;
   reader.join();
   for (auto& line : log.lines()) lines.push_back(line);

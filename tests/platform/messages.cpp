@@ -10,8 +10,6 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <thread>
-#include <vector>
 
 #include "platform/linux/process_name.h"
 #include "platform/linux/unix_address.h"
@@ -228,14 +226,9 @@ TEST(Messages, FromManyThreadsArriveWhole) {
   const TempRoot root;
   const Peer peer(root, "socmond");
   std::atomic<int> sent{0};
-  std::vector<std::thread> senders;
-  for (int i = 0; i < 4; ++i) {
-    senders.emplace_back([&sent, i] {
-      for (int n = 0; n < 50; ++n)
-        if (SendMessage("socmond", i, i, i, i) == 0) ++sent;
-    });
-  }
-  for (auto& sender : senders) sender.join();
+  atOnce(4, 50, [&sent](int caller, int) {
+    if (SendMessage("socmond", caller, caller, caller, caller) == 0) ++sent;
+  });
   for (int n = 0; n < sent; ++n) {
     const std::string bytes = peer.receive();
     ASSERT_EQ(bytes.size(), sizeof(TMessage));

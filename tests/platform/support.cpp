@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -40,6 +41,19 @@ bool eventually(const std::function<bool()>& condition) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   return true;
+}
+
+void atOnce(int callers, int times, const std::function<void(int, int)>& action) {
+  std::atomic<int> ready{0};
+  std::vector<std::thread> threads(static_cast<std::size_t>(callers));
+  for (int caller = 0; caller < callers; ++caller) {
+    threads[static_cast<std::size_t>(caller)] = std::thread([&, caller] {
+      ++ready;
+      while (ready < callers) std::this_thread::yield();
+      for (int n = 0; n < times; ++n) action(caller, n);
+    });
+  }
+  for (auto& thread : threads) thread.join();
 }
 
 TempRoot::TempRoot(const std::string& name) {

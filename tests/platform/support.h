@@ -11,6 +11,9 @@
 // Waits until `condition` holds, 20 s at the most. Returns whether it does.
 bool eventually(const std::function<bool()>& condition);
 
+// Calls `action(caller, n)` for n below `times` on several threads that begin at the same instant.
+void atOnce(int callers, int times, const std::function<void(int, int)>& action);
+
 // A temporary folder that is the platform's root while the object lives.
 class TempRoot {
  public:

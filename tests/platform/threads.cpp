@@ -181,20 +181,6 @@ TEST(Threads, BodyThatFindsNewWorkWhileLeavingStartsItselfAgain) {
   EXPECT_EQ(body.started, 2);
 }
 
-// Calls `action(caller, n)` for n below `times` on several threads that begin at the same instant.
-void atOnce(int callers, int times, const std::function<void(int, int)>& action) {
-  std::atomic<int> ready{0};
-  std::vector<std::thread> threads;
-  for (int caller = 0; caller < callers; ++caller) {
-    threads.emplace_back([&, caller] {
-      ++ready;
-      while (ready < callers) std::this_thread::yield();
-      for (int n = 0; n < times; ++n) action(caller, n);
-    });
-  }
-  for (auto& thread : threads) thread.join();
-}
-
 // Bodies that end whenever they find no work, while others bring some.
 TEST(Threads, NoWorkIsLostBetweenLastLookAndEnd) {
   std::atomic<int> brought{0};
@@ -361,6 +347,37 @@ TEST(Threads, StuckBodyThatReturnsAfterAllCanBeStartedAgain) {
   EXPECT_TRUE(eventually([&] { return body.ended == 2; }));
 }
 
+// A body that needs nothing of its object.
+class Careless : public PThread {
+ public:
+  Careless() : PThread("careless") {}
+  static Gate gate;
+  static std::atomic<int> inside;
+
+ protected:
+  void execute() override {
+    ++inside;
+    gate.wait();
+    --inside;
+  }
+};
+Gate Careless::gate;
+std::atomic<int> Careless::inside{0};
+
+TEST(Threads, ObjectThatIsDeletedUnderItsBodyIsToldAndNeverStartedAgain) {
+  const TempRoot root;
+  LogReader log(root);
+  auto careless = std::make_unique<Careless>();
+  careless->run();
+  ASSERT_TRUE(eventually([] { return Careless::inside == 1; }));
+  careless->stop(false);
+  careless->run();
+  careless.reset();
+  EXPECT_THAT(log.lines(), ElementsAre("3 thread careless is deleted while its body runs"));
+  Careless::gate.open();
+  EXPECT_TRUE(eventually([] { return Careless::inside == 0; }));
+}
+
 TEST(Threads, ThreadThatCannotStartIsReportedAndStopped) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
   GTEST_SKIP() << "sanitizers need the address space that this test takes away";
@@ -368,6 +385,7 @@ TEST(Threads, ThreadThatCannotStartIsReportedAndStopped) {
   Child child([] {
     // More than one, because the C library keeps the stacks of earlier threads.
     std::vector<std::unique_ptr<Body>> bodies;
+    bodies.reserve(20);
     for (int i = 0; i < 20; ++i) bodies.push_back(std::make_unique<Body>(untilStopped));
     const rlimit none{1, 1};
     setrlimit(RLIMIT_AS, &none);

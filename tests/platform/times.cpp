@@ -25,18 +25,23 @@ using ::testing::IsEmpty;
 
 // Zones without a database: fixed, half-hour, daylight saving of both hemispheres, and one whose
 // clocks change at midnight.
-const char* const kZones[] = {"UTC0",
-                              "CET-1CEST,M3.5.0,M10.5.0/3",
-                              "EST5EDT,M3.2.0,M11.1.0",
-                              "AEST-10AEDT,M10.1.0,M4.1.0/3",
-                              "<-0330>3:30",
-                              "<+1245>-12:45<+1345>,M9.5.0/2:45,M4.1.0/3:45",
-                              "<-04>4<-03>,M9.1.6/24,M4.1.6/24"};
+struct ZoneRule {
+  const char* name;
+  const char* rule;
+};
+const ZoneRule kZones[] = {{"Utc", "UTC0"},
+                           {"North", "CET-1CEST,M3.5.0,M10.5.0/3"},
+                           {"NorthWest", "EST5EDT,M3.2.0,M11.1.0"},
+                           {"South", "AEST-10AEDT,M10.1.0,M4.1.0/3"},
+                           {"HalfHour", "<-0330>3:30"},
+                           {"QuarterHour", "<+1245>-12:45<+1345>,M9.5.0/2:45,M4.1.0/3:45"},
+                           {"AtMidnight", "<-04>4<-03>,M9.1.6/24,M4.1.6/24"}};
+void PrintTo(const ZoneRule& zone, std::ostream* out) { *out << zone.name; }
 
-class Times : public ::testing::TestWithParam<const char*> {
+class Times : public ::testing::TestWithParam<ZoneRule> {
  protected:
   void SetUp() override {
-    setenv("TZ", GetParam(), 1);
+    setenv("TZ", GetParam().rule, 1);
     tzset();
   }
   void TearDown() override {
@@ -156,7 +161,8 @@ TEST_P(Times, ReferenceDayIsOneFixedDay) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Zones, Times, ::testing::ValuesIn(kZones));
+INSTANTIATE_TEST_SUITE_P(Zones, Times, ::testing::ValuesIn(kZones),
+                         [](const auto& zone) { return std::string(zone.param.name); });
 
 TEST(DateTime, SkippedTimesGoForwardAndDoubledOnesMeanTheFirst) {
   const Zone zone("CET-1CEST,M3.5.0,M10.5.0/3");
