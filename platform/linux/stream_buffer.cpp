@@ -23,14 +23,17 @@ long sbGetFrameSize(SB_HANDLE* buffer) {
   return buffer == nullptr ? 0 : static_cast<long>(buffer->segment.geometry.frameSize);
 }
 
+// Looking for another segment is left for later where somebody waits for the frame.
 TAutoFrame::TAutoFrame(SB_HANDLE* buffer, long age, std::int32_t* number, std::int32_t* epoch,
                        long wait)
     : buffer_(buffer), writing_(number == nullptr || epoch == nullptr) {
   if (buffer == nullptr) return;
-  buffer->notice();
   generation_ = buffer->generation;
   index_ = writing_ ? buffer->reserve(wait) : buffer->acquire(age, number, epoch, wait);
-  if (index_ < 0) return;
+  if (index_ < 0) {
+    buffer->notice();
+    return;
+  }
   unsigned char* frame = buffer->segment.frame(static_cast<std::uint32_t>(index_));
   frame_ = reinterpret_cast<SB_FRAME*>(frame);
 }
@@ -43,4 +46,5 @@ TAutoFrame::~TAutoFrame() {
   } else {
     buffer_->release(index_);
   }
+  buffer_->notice();
 }

@@ -42,14 +42,14 @@ static_assert(sb::kLeaseWords == 2, "held() looks at two words");
 // Takes the empty frame, else the oldest, among those that nobody holds. A frame that a reader pins
 // at the same instant gets its number back, and the next one is tried.
 int SB_HANDLE::tryReserve() {
-  std::uint64_t tried = 0;
+  std::uint64_t tried = mine.writing;
   for (;;) {
     const std::uint32_t latest = head.latest.load(std::memory_order_relaxed);
     int best = -1;
     std::uint32_t bestAge = 0;
     std::uint32_t heldAge = 0;
     for (int i = 0; i < static_cast<int>(frames); ++i) {
-      if (mine.writing[i] || (tried >> i & 1) != 0) continue;
+      if ((tried >> i & 1) != 0) continue;
       const std::uint32_t number = seq[i].load(std::memory_order_relaxed);
       const std::uint32_t age = number == 0 ? UINT32_MAX : latest - number;
       if (held(i)) {
@@ -65,7 +65,7 @@ int SB_HANDLE::tryReserve() {
     const std::uint32_t number = seq[best].exchange(0);
     sb::reached(sb::Point::kFrameEmptied);
     if (!held(best)) {
-      mine.writing[best] = true;
+      mine.writing |= std::uint64_t{1} << best;
       return best;
     }
     seq[best].store(number, std::memory_order_release);
@@ -75,7 +75,7 @@ int SB_HANDLE::tryReserve() {
 int SB_HANDLE::reserve(long waitMs) {
   if (!ensureWriter()) return -1;
   const auto attempt = [this] {
-    const std::lock_guard<std::mutex> guard(mine.frameMutex);
+    const std::lock_guard<sb::BriefLock> guard(mine.frameLock);
     return tryReserve();
   };
   int index = attempt();
@@ -113,14 +113,14 @@ bool SB_HANDLE::readable(int index) const {
 void SB_HANDLE::publish(int index) {
   std::uint32_t before;
   {
-    const std::lock_guard<std::mutex> guard(mine.frameMutex);
+    const std::lock_guard<sb::BriefLock> guard(mine.frameLock);
     before = head.latest.load(std::memory_order_relaxed);
     const std::uint32_t number = sb::numberAfter(before);
     if (readable(index)) {
       stamp[index].store(monotonicMs(), std::memory_order_relaxed);
       seq[index].store(number, std::memory_order_release);
     }
-    mine.writing[index] = false;
+    mine.writing &= ~(std::uint64_t{1} << index);
     head.writing.store(0, std::memory_order_relaxed);
     sb::reached(sb::Point::kFrameNumbered);
     head.latest.exchange(number);
@@ -133,7 +133,7 @@ void SB_HANDLE::publish(int index) {
 // After the wake, where it delays nobody.
 void SB_HANDLE::reapNowAndThen() {
   {
-    const std::lock_guard<std::mutex> guard(mine.frameMutex);
+    const std::lock_guard<sb::BriefLock> guard(mine.frameLock);
     if (!mine.pinInTheWay) return;
     mine.pinInTheWay = false;
     const std::uint32_t now = monotonicMs();
@@ -191,7 +191,7 @@ void SB_HANDLE::unpin(int index) {
 
 // Pins the frame with the smallest number after `*number` and moves `*number` to it.
 int SB_HANDLE::tryAcquire(std::uint32_t* number) {
-  const std::lock_guard<std::mutex> guard(mine.frameMutex);
+  const std::lock_guard<sb::BriefLock> guard(mine.frameLock);
   for (;;) {
     int best = -1;
     std::int32_t bestDistance = 0;
@@ -240,15 +240,12 @@ int SB_HANDLE::acquire(long ageMs, std::int32_t* number, std::int32_t* epoch, lo
     }
     const long left = limit.left();
     if (left == 0 || ThreadAccess::stopAsked()) return -1;
-    if (head.retired != retired) {
-      notice();  // so that the caller's next look finds the new segment
-      return -1;
-    }
+    if (head.retired != retired) return -1;
     if (announceWait(latest)) sb::futexWait(head.latest, latest, left);
   }
 }
 
 void SB_HANDLE::release(int index) {
-  const std::lock_guard<std::mutex> guard(mine.frameMutex);
+  const std::lock_guard<sb::BriefLock> guard(mine.frameLock);
   unpin(index);
 }

@@ -1,6 +1,9 @@
 // One attached stream buffer: the segment and what the process keeps privately about it.
 #pragma once
 
+#if __has_include(<sys/single_threaded.h>)
+#include <sys/single_threaded.h>
+#endif
 #include <atomic>
 #include <cstdint>
 #include <mutex>
@@ -12,30 +15,36 @@ struct SB_FRAME;
 
 namespace sb {
 
-// A lock among the threads of one process around a few instructions, cheaper than a mutex.
+// A lock among the threads of one process around a few instructions, cheaper than a mutex. A
+// process of one thread does without the locked instruction, where the C library tells.
 class BriefLock {
  public:
   void lock() {
-    while (held_.exchange(1, std::memory_order_acquire) != 0) pause();
+#if __has_include(<sys/single_threaded.h>)
+    if (__libc_single_threaded) return;
+#endif
+    for (int tries = 0; held_.exchange(1, std::memory_order_acquire) != 0; ++tries) pause(tries);
   }
   void unlock() { held_.store(0, std::memory_order_release); }
 
  private:
-  static void pause();
+  static void pause(int tries);
   std::atomic<std::uint32_t> held_{0};
 };
 
 // What a process holds of a segment; a fork's child starts with none of it.
 struct PrivateState {
-  std::mutex leaseMutex;
   Relaxed<std::int32_t> lease = -1;  // written under leaseMutex
   Relaxed<bool> writer = false;      // written under leaseMutex
 
-  std::mutex frameMutex;                // guards what follows
-  std::uint16_t pins[kMaxFrames] = {};  // of this process's threads; the first sets the shared bit
-  bool writing[kMaxFrames] = {};        // reserved by this process
-  std::uint32_t lastReapMs = 0;         // monotonic
+  // The order keeps together what a frame needs: after a pause each cache line is a wait.
   bool pinInTheWay = false;             // a held frame was older than the one reserved
+  std::uint64_t writing = 0;            // bit i: frame i is reserved by this process
+  BriefLock frameLock;                  // guards the two above and the two below
+  std::uint16_t pins[kMaxFrames] = {};  // of this process's threads; the first sets the shared bit
+  std::uint32_t lastReapMs = 0;         // monotonic
+
+  std::mutex leaseMutex;
 
   BriefLock slotLock;  // guards this process's cells
 };
@@ -57,7 +66,7 @@ struct SB_HANDLE {
   SB_HANDLE(int stream, const sb::Segment& segment);
 
   // A lease for this process. False: all are taken.
-  bool ensureLease();
+  bool ensureLease() { return mine.lease >= 0 || takeLease(); }
   // The writer's place, for this process's life. False: another process has it.
   bool ensureWriter();
   // Clears what dead processes hold. Returns true iff it found something.
@@ -73,30 +82,37 @@ struct SB_HANDLE {
   int acquire(long ageMs, std::int32_t* number, std::int32_t* epoch, long waitMs);
   void release(int index);
 
-  // Called by every operation: now and then looks whether the segment still has its name.
-  void notice() {
+  // True iff the operation has to look() first. Slot operations that only read ask for the
+  // retirement, which a segment that is being replaced tells itself; all others also look now and
+  // then whether the segment still has its name.
+  bool retired() const { return head.retired.load(std::memory_order_relaxed) != 0; }
+  bool lookIsDue() {
     const std::uint32_t left = untilLook_ - 1;
     untilLook_ = left;
-    if (left == 0 || head.retired.load(std::memory_order_relaxed) != 0) look();
+    return left == 0 || retired();
+  }
+  void look();
+  void notice() {
+    if (lookIsDue()) look();
   }
 
   // A fork's child: leases, pins and locks stayed with the parent.
   void forked();
 
-  const int stream;  // whose current handle this is, or was
-  const sb::Segment segment;
   sb::Head& head;
   sb::Word* const seq;
   sb::Word* const stamp;
   sb::Word* const holders;
-  sb::Word* const leasePid;
   sb::Word* const slot;
-  sb::Word* const cell;
+  sb::Word* const leasePid;
   const std::uint32_t frames;
   Relaxed<std::uint32_t> generation = 0;  // moves in a fork's child
   sb::PrivateState mine;
+  const sb::Segment segment;
+  const int stream;  // whose current handle this is, or was
 
  private:
+  bool takeLease();
   bool held(int index) const;
   int tryReserve();
   bool place(long ageMs, std::int32_t* number, std::int32_t* epoch);
@@ -107,7 +123,6 @@ struct SB_HANDLE {
   bool readable(int index) const;
   void reapNowAndThen();
   void clearPins(int lease);
-  void look();
 
   Relaxed<std::uint32_t> untilLook_ = 1;
   Relaxed<std::uint32_t> lookEvery_ = 1;

@@ -88,6 +88,8 @@ constexpr Geometry makeGeometry(std::uint32_t frames, std::uint32_t frameSize, s
   g.totalBytes = g.dataOffset + frames * g.stride;
   return g;
 }
+static_assert(makeGeometry(2, 1024, 4096).cellAt == makeGeometry(2, 1024, 4096).slotAt + 4 * kSlots,
+              "cells follow the control words");
 static_assert(makeGeometry(16, 256 << 10, 4096).headBytes == 192 + 16 * 16 + 256 + 128 + 16384, "");
 static_assert(makeGeometry(16, 256 << 10, 4096).dataOffset == 20480, "");
 static_assert(makeGeometry(16, 256 << 10, 4096).totalBytes == 20480 + (4 << 20), "");

@@ -16,7 +16,11 @@ namespace {
 // Calls for one look at the clock: 64 of them are milliseconds in a busy process, and in one that
 // calls once a second each call looks.
 constexpr std::uint32_t kMaxCallsPerClock = 64;
+constexpr int kYields = 20;
+constexpr useconds_t kPauseUs = 50;
 constexpr std::uint32_t kClockMs = 100;
+constexpr std::uint32_t kLookMs = 1000;   // one stat a second at the most
+constexpr std::uint32_t kRetiredMs = 10;  // a segment is retired just before another gets its name
 
 bool changeLock(int fd, int byte, short type) {
   struct flock lock = {};
@@ -33,23 +37,28 @@ bool changeLock(int fd, int byte, short type) {
 void (*sb::onPoint)(sb::Point) = nullptr;
 #endif
 
-void sb::BriefLock::pause() { sched_yield(); }
+// The holder may have a lower priority, and then gets the processor only when we sleep.
+void sb::BriefLock::pause(int tries) {
+  if (tries < kYields) {
+    sched_yield();
+  } else {
+    usleep(kPauseUs);
+  }
+}
 
 SB_HANDLE::SB_HANDLE(int whose, const sb::Segment& opened)
-    : stream(whose),
-      segment(opened),
-      head(opened.head()),
+    : head(opened.head()),
       seq(opened.words(opened.geometry.seqAt)),
       stamp(opened.words(opened.geometry.stampAt)),
       holders(opened.words(opened.geometry.holdersAt)),
-      leasePid(opened.words(opened.geometry.leasePidAt)),
       slot(opened.words(opened.geometry.slotAt)),
-      cell(opened.words(opened.geometry.cellAt)),
-      frames(opened.geometry.frames) {}
+      leasePid(opened.words(opened.geometry.leasePidAt)),
+      frames(opened.geometry.frames),
+      segment(opened),
+      stream(whose) {}
 
 // Clears pins only: a cell of this lease may be the one that a slot's control word still names.
-bool SB_HANDLE::ensureLease() {
-  if (mine.lease >= 0) return true;
+bool SB_HANDLE::takeLease() {
   const std::lock_guard<std::mutex> guard(mine.leaseMutex);
   if (mine.lease >= 0) return true;
   for (int i = 0; i < static_cast<int>(sb::kLeases); ++i) {
@@ -139,5 +148,5 @@ void SB_HANDLE::look() {
   const bool retired = head.retired.load(std::memory_order_relaxed) != 0;
   const bool firstSight = retired && !retirementSeen_;
   if (firstSight) retirementSeen_ = true;
-  sb::lookForReplacement(this, now, firstSight);
+  sb::lookForReplacement(this, now, firstSight ? 0 : retired ? kRetiredMs : kLookMs);
 }

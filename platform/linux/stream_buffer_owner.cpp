@@ -85,7 +85,7 @@ class Turn {
 };
 
 bool sameSize(const SB_HANDLE& handle, const FrameSizes& sizes) {
-  return handle.head.retired == 0 && handle.segment.geometry.frames == sizes.frames &&
+  return handle.segment.geometry.frames == sizes.frames &&
          handle.segment.geometry.frameSize == sizes.frameSize;
 }
 
@@ -109,8 +109,9 @@ Head* foreignHead(const char* path) {
 }
 
 // One attempt. Returns 0 or an error.
-// The old segment is retired after it has lost its name: who is told then finds the new one, and a
-// creator that dies in between leaves an old one that its users miss within a second.
+// The old segment is retired before it loses its name, because its users may do no more than look
+// at that word. A creator that dies in between leaves a segment that is used all the same and
+// looked at more often, until the next creator.
 int createOnce(int stream, const FrameSizes& sizes) {
   const char* path = streamPath(stream);
   struct stat status;
@@ -119,14 +120,24 @@ int createOnce(int stream, const FrameSizes& sizes) {
   if (found == Attached::kFull) return EUSERS;
   SB_HANDLE* old = found == Attached::kYes ? current[stream].load() : nullptr;
   if (found == Attached::kYes && old == nullptr) return EAGAIN;  // replaced this very moment
-  if (old != nullptr && named && sameSize(*old, sizes)) return 0;
-
+  if (old != nullptr && named && sameSize(*old, sizes)) {
+    old->head.retired = 0;
+    return 0;
+  }
   Head* oldHead = old != nullptr ? &old->head : foreignHead(path);
   const Geometry geometry = makeGeometry(sizes.frames, sizes.frameSize, pageSize());
   const std::string built = buildSegment(path, geometry);
-  int error = built.empty() ? errno : publishSegment(built, path, named ? status.st_ino : 0);
-  reached(Point::kSegmentReplaced);
-  if (error == 0 && oldHead != nullptr) retireSegment(*oldHead);
+  int error = built.empty() ? errno : 0;
+  if (error == 0) {
+    if (oldHead != nullptr) oldHead->retired = 1;
+    reached(Point::kSegmentRetired);
+    error = publishSegment(built, path, named ? status.st_ino : 0);
+    reached(Point::kSegmentReplaced);
+  }
+  if (oldHead != nullptr) {
+    if (error != 0) oldHead->retired = 0;
+    wakeAll(*oldHead);
+  }
   if (old != nullptr) {
     current[stream].store(nullptr);
   } else if (oldHead != nullptr) {

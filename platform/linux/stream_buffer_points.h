@@ -6,7 +6,8 @@ namespace sb {
 enum class Point {
   kSegmentCreated,   // private file exists, empty
   kSegmentFilled,    // complete, not yet named
-  kSegmentReplaced,  // named, the old one not yet retired
+  kSegmentRetired,   // the old one says that it is going, and still has its name
+  kSegmentReplaced,  // named, the waiters of the old one not yet woken
   kLeaseTaken,       // locked, the predecessor's pins not yet cleared
   kFrameEmptied,     // seq 0, holders not yet looked at
   kFrameReserved,    // ours, being filled

@@ -51,8 +51,8 @@ std::string buildSegment(const std::string& path, const Geometry& geometry);
 // any case.
 int publishSegment(const std::string& built, const std::string& path, ino_t old);
 
-// Marks a segment that lost its name and wakes all who wait for it.
-void retireSegment(Head& head);
+// Wakes all who wait for a frame of the segment.
+void wakeAll(Head& head);
 
 // The group that may attach, from the file tree's /etc/group; -1: no such group.
 gid_t cameraGroup();

@@ -8,9 +8,10 @@ namespace {
 
 // Where the value is that the control word names.
 sb::Word& namedCell(SB_HANDLE& buffer, std::uint32_t slot, std::uint32_t word) {
-  const std::uint32_t lease = word & sb::kSlotLeaseMask;
-  const std::uint32_t which = (word & sb::kSlotCell) != 0 ? 1 : 0;
-  return buffer.cell[(lease * sb::kSlots + slot) * 2 + which];
+  const std::size_t lease = word & sb::kSlotLeaseMask;
+  const std::size_t which = (word & sb::kSlotCell) != 0 ? 1 : 0;
+  sb::Word* const cells = buffer.slot + sb::kSlots;  // one load less than a pointer of their own
+  return cells[(lease * sb::kSlots + slot) * 2 + which];
 }
 
 bool usable(const SB_HANDLE* buffer, int slot) {
@@ -18,21 +19,59 @@ bool usable(const SB_HANDLE* buffer, int slot) {
 }
 static_assert(kSlotCount == sb::kSlots, "callers and segment agree on the number of slots");
 
-}  // namespace
+// What is done rarely is kept out of the way of what is done always.
+__attribute__((noinline)) int getAfterLook(SB_HANDLE* buffer, int slot);
+__attribute__((noinline)) int testAfterLook(SB_HANDLE* buffer, int slot);
 
 // The value belongs to the control word that is read before and after it.
-int sbGetUserdata(SB_HANDLE* buffer, int slot) {
-  if (!usable(buffer, slot)) return 0;
-  buffer->notice();
-  const auto index = static_cast<std::uint32_t>(slot);
-  sb::Word& control = buffer->slot[index];
+int get(SB_HANDLE& buffer, std::uint32_t slot) {
+  sb::Word& control = buffer.slot[slot];
   std::uint32_t word = control.load(std::memory_order_acquire);
   for (;;) {
-    const std::uint32_t value = namedCell(*buffer, index, word).load(std::memory_order_acquire);
+    const std::uint32_t value = namedCell(buffer, slot, word).load(std::memory_order_acquire);
     const std::uint32_t after = control.load(std::memory_order_acquire);
     if (after == word) return static_cast<int>(value);
     word = after;
   }
+}
+
+int test(SB_HANDLE& buffer, std::uint32_t slot) {
+  sb::Word& control = buffer.slot[slot];
+  std::uint32_t word = control.load(std::memory_order_acquire);
+  while ((word & sb::kSlotMark) != 0) {
+    const std::uint32_t value = namedCell(buffer, slot, word).load(std::memory_order_acquire);
+    sb::reached(sb::Point::kMarkRead);
+    if (control.compare_exchange_weak(word, word & ~sb::kSlotMark, std::memory_order_acq_rel,
+                                      std::memory_order_acquire)) {
+      sb::reached(sb::Point::kMarkCleared);
+      return static_cast<int>(value);
+    }
+  }
+  return -1;
+}
+
+int getAfterLook(SB_HANDLE* buffer, int slot) {
+  buffer->look();
+  return get(*buffer, static_cast<std::uint32_t>(slot));
+}
+
+int testAfterLook(SB_HANDLE* buffer, int slot) {
+  buffer->look();
+  return test(*buffer, static_cast<std::uint32_t>(slot));
+}
+
+}  // namespace
+
+int sbGetUserdata(SB_HANDLE* buffer, int slot) {
+  if (!usable(buffer, slot)) return 0;
+  if (buffer->retired()) return getAfterLook(buffer, slot);
+  return get(*buffer, static_cast<std::uint32_t>(slot));
+}
+
+int sbTestUserdata(SB_HANDLE* buffer, int slot) {
+  if (!usable(buffer, slot)) return -1;
+  if (buffer->retired()) return testAfterLook(buffer, slot);
+  return test(*buffer, static_cast<std::uint32_t>(slot));
 }
 
 // Before the swap nothing has happened, after it everything has: a process may die at any point.
@@ -61,22 +100,4 @@ void sbSetUserdata(SB_HANDLE* buffer, int slot, int value) {
     }
   }
   sb::reached(sb::Point::kSlotSet);
-}
-
-int sbTestUserdata(SB_HANDLE* buffer, int slot) {
-  if (!usable(buffer, slot)) return -1;
-  buffer->notice();
-  const auto index = static_cast<std::uint32_t>(slot);
-  sb::Word& control = buffer->slot[index];
-  std::uint32_t word = control.load(std::memory_order_acquire);
-  while ((word & sb::kSlotMark) != 0) {
-    const std::uint32_t value = namedCell(*buffer, index, word).load(std::memory_order_acquire);
-    sb::reached(sb::Point::kMarkRead);
-    if (control.compare_exchange_weak(word, word & ~sb::kSlotMark, std::memory_order_acq_rel,
-                                      std::memory_order_acquire)) {
-      sb::reached(sb::Point::kMarkCleared);
-      return static_cast<int>(value);
-    }
-  }
-  return -1;
 }

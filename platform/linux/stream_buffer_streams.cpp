@@ -18,7 +18,7 @@ std::atomic<SB_HANDLE*> current[kStreams];
 
 namespace {
 
-constexpr std::uint32_t kLookMs = 1000;  // one stat a second at the most
+constexpr std::uint32_t kRetryMs = 1000;  // what was refused is looked at again
 
 struct State {
   std::string path;
@@ -99,7 +99,7 @@ Attached attach(int stream) {
   const bool exists = lstat(state.path.c_str(), &status) == 0;
   if (!exists && state.last == nullptr) return Attached::kMissing;
   const bool known = exists && state.refused == status.st_ino;
-  if (known && nowMs - state.refusedMs < kLookMs) return state.refusal;
+  if (known && nowMs - state.refusedMs < kRetryMs) return state.refusal;
 
   const char* reason = "all places are taken";
   Attached result = Attached::kYes;
@@ -119,10 +119,10 @@ Attached attach(int stream) {
 }
 
 // By name alone: opening the file and closing it again would drop the process's locks on it.
-void lookForReplacement(SB_HANDLE* handle, std::uint32_t nowMs, bool atOnce) {
+void lookForReplacement(SB_HANDLE* handle, std::uint32_t nowMs, std::uint32_t everyMs) {
   State& state = streams().state[handle->stream];
   if (current[handle->stream].load(std::memory_order_relaxed) != handle) return;
-  if (!atOnce && nowMs - state.lookedMs < kLookMs) return;
+  if (nowMs - state.lookedMs < everyMs) return;
   state.lookedMs = nowMs;
   struct stat status;
   if (lstat(state.path.c_str(), &status) != 0 || sameFile(handle, status)) return;

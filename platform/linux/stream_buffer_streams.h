@@ -29,9 +29,9 @@ enum class Attached {
 // Logs 2 "buffer %s: %s", once per file.
 Attached attach(int stream);
 
-// For the current handle, at most once a second, or `atOnce`: makes sbVideo() and its sisters look
-// anew when the name leads to another segment by now.
-void lookForReplacement(SB_HANDLE* handle, std::uint32_t nowMs, bool atOnce);
+// For the current handle, unless it was done in the last `everyMs`: makes sbVideo() and its sisters
+// look anew when the name leads to another segment by now.
+void lookForReplacement(SB_HANDLE* handle, std::uint32_t nowMs, std::uint32_t everyMs);
 
 // Forgets all handles, which stay valid: the next attach() begins anew. For tests, which change the
 // file tree below a process.

@@ -125,10 +125,10 @@ void callAt(sb::Point point, std::function<void()> action) {
 
 std::string pointName(sb::Point point) {
   static const char* const names[] = {
-      "SegmentCreated", "SegmentFilled", "SegmentReplaced", "LeaseTaken",
-      "FrameEmptied",   "FrameReserved", "FrameNumbered",   "LatestMoved",
-      "PinSet",         "Pinned",        "PinCleared",      "CellWritten",
-      "SlotSet",        "MarkRead",      "MarkCleared",     "Reaped"};
+      "SegmentCreated", "SegmentFilled", "SegmentRetired", "SegmentReplaced", "LeaseTaken",
+      "FrameEmptied",   "FrameReserved", "FrameNumbered",  "LatestMoved",     "PinSet",
+      "Pinned",         "PinCleared",    "CellWritten",    "SlotSet",         "MarkRead",
+      "MarkCleared",    "Reaped"};
   static_assert(sizeof(names) / sizeof(names[0]) == static_cast<std::size_t>(sb::Point::kCount));
   return names[static_cast<int>(point)];
 }

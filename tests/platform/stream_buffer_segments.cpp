@@ -102,7 +102,9 @@ TEST_F(StreamBufferSegments, OfAnotherSizeAreReplacedAndTheirUsersMoveOver) {
     const std::uint32_t start = monotonicMs();
     if (readFrame(before, &place, 20000) != 0) return 1;
     if (monotonicMs() - start > 10000) return 2;  // the wait was not ended by the replacement
-    if (sbVideo() == before || sbGetFrameSize(sbVideo()) != 12288) return 3;
+    if (!eventually([before] { return sbGetUserdata(before, 3) == 33 && sbVideo() != before; }))
+      return 3;
+    if (sbGetFrameSize(sbVideo()) != 12288) return 3;
     if (sbGetFrameSize(before) != 8192 || sbGetUserdata(before, 3) != 33) return 4;
     const std::int32_t epoch = place.epoch;
     if (readFrame(sbVideo(), &place, 20000) != 9 || place.epoch == epoch) return 5;
@@ -134,6 +136,43 @@ TEST_F(StreamBufferSegments, OfAnotherVersionAreRetiredAndReplaced) {
   EXPECT_EQ(readFrame(sbVideo(), &place), 1U);
 }
 
+// A creator that died before it gave the new segment its name, and a later one.
+TEST_F(StreamBufferSegments, RetiredTooEarlyAreUsedUntilTheyAreReplaced) {
+  ASSERT_TRUE(own());
+  SB_HANDLE* before = sbVideo();
+  Child creator([] {
+    signalAt(sb::Point::kSegmentRetired, SIGKILL);
+    own(kOther);
+    return 1;
+  });
+  ASSERT_EQ(creator.wait(), -SIGKILL);
+  EXPECT_EQ(before->head.retired, 1U);
+  EXPECT_EQ(sbGetUserdata(sbVideo(), 1), 0);
+  EXPECT_TRUE(writeFrame(sbVideo(), 1));
+  Child user([] {
+    sb::forgetStreams();
+    Place place;
+    return static_cast<int>(readFrame(sbVideo(), &place));
+  });
+  EXPECT_EQ(user.wait(), 1) << "newcomers attach it too";
+  EXPECT_EQ(sbVideo(), before);
+  Child next([] { return own(kOther) ? 0 : 1; });
+  ASSERT_EQ(next.wait(), 0);
+  EXPECT_TRUE(eventually([before] {
+    sbGetUserdata(sbVideo(), 1);
+    return sbVideo() != before;
+  })) << "who only reads slots moves over too";
+}
+
+TEST_F(StreamBufferSegments, RetiredTooEarlyAreTakenBackInTheSameSize) {
+  ASSERT_TRUE(own());
+  SB_HANDLE* before = sbVideo();
+  before->head.retired = 1;
+  ASSERT_TRUE(own());
+  EXPECT_EQ(sbVideo(), before);
+  EXPECT_EQ(before->head.retired, 0U);
+}
+
 TEST_F(StreamBufferSegments, ReplacedByStrangersAreNoticedWithinTwoSeconds) {
   ASSERT_TRUE(own());
   SB_HANDLE* before = sbVideo();
@@ -146,7 +185,7 @@ TEST_F(StreamBufferSegments, ReplacedByStrangersAreNoticedWithinTwoSeconds) {
   EXPECT_EQ(before->head.retired, 0U);
   const std::uint32_t start = monotonicMs();
   ASSERT_TRUE(eventually([before] {
-    sbGetUserdata(sbVideo(), 1);
+    sbSetUserdata(sbVideo(), 1, 0);
     return sbVideo() != before;
   }));
   EXPECT_LT(monotonicMs() - start, 2000U);
@@ -157,7 +196,7 @@ TEST_F(StreamBufferSegments, ThatLostTheirNameAreKeptUntilThereIsANewOne) {
   ASSERT_TRUE(own());
   SB_HANDLE* before = sbVideo();
   fs::remove(path());
-  sb::lookForReplacement(before, monotonicMs(), true);
+  sb::lookForReplacement(before, monotonicMs(), 0);
   EXPECT_EQ(sbVideo(), before);
   EXPECT_TRUE(writeFrame(before, 1));
   ASSERT_TRUE(own());
@@ -169,7 +208,7 @@ TEST_F(StreamBufferSegments, ThatLostTheirNameAreKeptUntilThereIsANewOne) {
 TEST_F(StreamBufferSegments, AreWatchedWithoutLosingTheLease) {
   ASSERT_TRUE(own());
   ASSERT_TRUE(writeFrame(sbVideo(), 1));
-  for (int i = 0; i < 3; ++i) sb::lookForReplacement(sbVideo(), monotonicMs(), true);
+  for (int i = 0; i < 3; ++i) sb::lookForReplacement(sbVideo(), monotonicMs(), 0);
   ASSERT_TRUE(own());
   const int lease = sbVideo()->mine.lease;
   const pid_t parent = getpid();
@@ -289,8 +328,8 @@ TEST_F(StreamBufferSegments, CantBeCreatedWithoutTheirSpaceAndLeaveNothing) {
 }
 
 TEST_F(StreamBufferSegments, OfACreatorKilledAtAnyPointHarmNobody) {
-  for (const sb::Point point :
-       {sb::Point::kSegmentCreated, sb::Point::kSegmentFilled, sb::Point::kSegmentReplaced}) {
+  for (const sb::Point point : {sb::Point::kSegmentCreated, sb::Point::kSegmentFilled,
+                                sb::Point::kSegmentRetired, sb::Point::kSegmentReplaced}) {
     SCOPED_TRACE(static_cast<int>(point));
     fs::remove_all(fs::path(path()).parent_path());
     sb::forgetStreams();
