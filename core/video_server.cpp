@@ -7,6 +7,7 @@
 #include "capture/video_args.h"
 #include "capture/video_source.h"
 #include "core/housekeeping.h"
+#include "events/event_manager.h"
 #include "platform/audio.h"
 #include "platform/ini_file.h"
 #include "platform/log.h"
@@ -17,10 +18,11 @@ namespace {
 
 constexpr double kDefaultSyncHours = 0.5;
 
-// Deletes the thread when its body has ended; otherwise object and body are left behind.
+// Deletes the thread when its body has ended and no other body may be using it; otherwise object
+// and body are left behind.
 template <typename T>
-void release(TStopDeadline& deadline, T*& thread) {
-  if (thread != nullptr && deadline.end(*thread)) testDestroy(thread);
+void release(TStopDeadline& deadline, T*& thread, bool inUse) {
+  if (thread != nullptr && deadline.end(*thread) && !inUse) testDestroy(thread);
   thread = nullptr;
 }
 
@@ -59,8 +61,9 @@ bool TVideoServer::onRunning() {
 
 bool TVideoServer::onRelease() {
   TStopDeadline deadline;
-  release(deadline, video_);
-  release(deadline, audio_);
+  // An event or recorder that hangs may be inside the camera, or ask it when it comes back.
+  release(deadline, video_, TEventManager::leftBehind);
+  release(deadline, audio_, false);
   free_log();
   return true;
 }

@@ -43,7 +43,8 @@ class TVideoServer : public TApplication {
   // Runs the threads and the housekeeping until the process is asked to stop. Without video there
   // is nothing to keep but the audio thread. Returns true.
   bool onRunning() override;
-  // Ends the capture threads and deletes those that have ended within 5 s. Returns true.
+  // Ends the capture threads and deletes those that have ended within 5 s; the one with the camera
+  // only if no event or recorder was left behind. Returns true.
   bool onRelease() override;
 
   // Returns the seconds between two synchronisations of the clock, from the hours of key "Sync

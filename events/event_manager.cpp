@@ -38,6 +38,7 @@ void leaveOut(const TEventConfig& config, const char* action) {
 template <typename T>
 void leave(std::unique_ptr<T>& object) {
   static_cast<void>(object.release());
+  TEventManager::leftBehind = true;
 }
 
 bool refersTo(const TEvent& event, const TRecorder* recorder) {
@@ -46,6 +47,8 @@ bool refersTo(const TEvent& event, const TRecorder* recorder) {
 }
 
 }  // namespace
+
+Relaxed<bool> TEventManager::leftBehind;
 
 TEventManager::TEventManager(TCamera* camera) : camera_(camera) { refresh(); }
 

@@ -5,6 +5,8 @@
 #include <memory>
 #include <vector>
 
+#include "platform/relaxed.h"
+
 class TCamera;
 class TEvent;
 class TRecorder;
@@ -17,6 +19,10 @@ class TEventManager {
  public:
   // Path of the events file; docs/configuration.md tells its sections and keys.
   static constexpr const char* inf = "/etc/events.conf";
+
+  // True from the first body on that any manager has left behind: the camera must not be deleted
+  // any more, because the body may still ask it.
+  static Relaxed<bool> leftBehind;
 
   // Builds everything, as refresh() does. `camera`: may be null, then motion events never fire; not
   // owned, must outlive the manager.

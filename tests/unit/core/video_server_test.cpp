@@ -7,6 +7,7 @@
 
 #include "capture/video_source.h"
 #include "core/status_slots.h"
+#include "events/event_manager.h"
 #include "platform/audio.h"
 #include "tests/fakes/fake_platform.h"
 
@@ -164,6 +165,22 @@ TEST_F(VideoServer, AThreadThatDoesNotEndIsLeftBehind) {
   EXPECT_EQ(server.video_, nullptr);
   EXPECT_NE(stuck->camera(), nullptr);
   delete stuck;  // only a test may: there is no body
+}
+
+// The body that hangs may be inside the camera, which the capture thread owns.
+TEST_F(VideoServer, TheCameraOutlivesAnEventThatIsLeftBehind) {
+  EXPECT_TRUE(initial({"-mb"}));
+  TVideoSource* const video = server.video_;
+  fake.stopAfterPasses(5);
+  server.onRunning();
+  fake.takeCalls();
+  TEventManager::leftBehind = true;
+  EXPECT_TRUE(server.onRelease());
+  EXPECT_EQ(fake.count("end(KVX-video)"), 1);
+  EXPECT_EQ(fake.count("delete(KVX-video)"), 0);
+  EXPECT_EQ(fake.count("delete(audio)"), 1);
+  TEventManager::leftBehind = false;
+  delete video;  // only a test may: there is no body
 }
 
 TEST_F(VideoServer, AnExceptionFromAThreadsConstructorPassesOn) {

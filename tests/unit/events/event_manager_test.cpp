@@ -465,10 +465,12 @@ TEST_F(Manager, BodiesThatDoNotEndAreLeftBehindWithTheRecordersTheyUse) {
   scheduler()->stop(false);
   fake.threadStuck("pthread");
   fake.clearCalls();
+  TEventManager::leftBehind = false;
   const auto before = fake.clock.monotonicUs();
   manager->clean();
   EXPECT_EQ(5000000, fake.clock.monotonicUs() - before);
   EXPECT_EQ(1, fake.logged("thread pthread does not end, left behind"));
+  EXPECT_TRUE(TEventManager::leftBehind);
   EXPECT_EQ(1, fake.count("delete(pthread)"));  // the event without a body
   EXPECT_THAT(manager->events(), IsEmpty());
   EXPECT_FALSE(registered("always"));
@@ -487,8 +489,10 @@ TEST_F(Manager, RecorderThatDoesNotEndIsLeftBehind) {
   recorder->start(0);
   fake.threadStuck("pthread");
   fake.clearCalls();
+  TEventManager::leftBehind = false;
   manager->clean();
   EXPECT_EQ(1, fake.logged("thread pthread does not end, left behind"));
+  EXPECT_TRUE(TEventManager::leftBehind);
   EXPECT_EQ(1, fake.count("delete(pthread)"));  // the event
   manager.reset();
 }
