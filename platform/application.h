@@ -22,8 +22,10 @@ class TApplication {
 
   // Keeps the arguments, arms SIGTERM and SIGINT, ignores SIGPIPE, and calls the hooks of the
   // application object in turn. From the signal on, a watchdog gives the orderly way out 5 s; then
-  // it logs 3 "shutdown took too long, ending: %s" with what was stuck and ends the process.
-  // Returns the exit status of the process.
+  // it logs 3 "shutdown took too long, ending: %s" with what was stuck and ends the process. Bodies
+  // of threads that nobody has ended are ended after the hooks; when one is left behind, the
+  // process ends here, without static destructors. Returns the exit status of the process. On
+  // failure returns 1 and logs 3 "no application object" or 3 "can't watch over the shutdown: %s".
   static int main(int argc, char** argv);
 
   static int argc;

@@ -17,6 +17,7 @@ class PThread {
   // Starts the body. Never blocks, never starts a second body, never loses a request: while the
   // body runs nothing happens; while it was asked to stop or is leaving by itself, but has not
   // returned, it is started again as soon as it has.
+  // On failure the thread stays stopped and logs 3 "can't start thread %s: %s".
   virtual void run();
 
   // Asks the body to end, and takes back a start that is waiting for its end.
@@ -24,7 +25,8 @@ class PThread {
   // thread. Returns true iff the body has returned (or never ran).
   virtual bool stop(bool wait);
 
-  // Stops a body that its owner has forgotten: stop(true).
+  // Stops a body that its owner has forgotten: stop(true). A body that does not return loses its
+  // object under its feet; logs 3 "thread %s is deleted while its body runs".
   virtual ~PThread();
 
   // Returns true iff the body is to go on: it was started and neither asked to stop nor is leaving.
