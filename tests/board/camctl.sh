@@ -13,6 +13,19 @@ test_no_camera_is_said_and_is_status_3() {
   expect "$(camctl status --json 2>/dev/null)" "{\"camera\":\"$board\",\"running\":false,\"pid\":0}" json
 }
 
+test_strange_files_in_the_place_of_a_buffer_are_no_camera() {
+  local file=$board/dev/shm/camera/video
+  mkdir -p "${file%/*}"
+  mkfifo "$file"
+  expect "$(exit_of timeout 5 "$build/tools/camctl" --board "$board" status)" 3 "a pipe"
+  rm "$file"
+  mkdir "$file"
+  expect "$(exit_of timeout 5 "$build/tools/camctl" --board "$board" status)" 3 "a folder"
+  rmdir "$file"
+  head -c 300000 /dev/urandom >"$file"
+  expect "$(exit_of timeout 5 "$build/tools/camctl" --board "$board" status)" 3 "a file"
+}
+
 test_wrong_use_is_status_2() {
   local command
   for command in '' nonsense 'trigger web3' 'trigger' 'set hue' 'set hue -1' 'set hue x' 'set nothing 1' \
@@ -95,6 +108,38 @@ test_watch_ends_by_itself_and_on_interrupt() {
   wait $watch || fail "status $?"
 }
 
+# A reader that stands still longer than the buffer lasts has lost what came meanwhile.
+test_watch_counts_what_was_lost() {
+  start_camera
+  "$build/tools/camctl" --board "$board" watch >"$work/watch" &
+  local watch=$! before
+  boxes+=("$watch")
+  eventually 10 grep -q ' 0 lost' "$work/watch"
+  ! grep -q ' [1-9][0-9]* lost' "$work/watch" || fail "$(cat "$work/watch")"
+  kill -STOP $watch
+  before=$(slot frame-count)
+  forty_frames_came() { [ "$(slot frame-count)" -gt $((before + 40)) ]; }
+  eventually 20 forty_frames_came
+  kill -CONT $watch
+  eventually 5 grep -qE ' [1-9][0-9]+ lost' "$work/watch"
+}
+
+test_watch_follows_the_event_log_into_its_successor() {
+  write_events 'Source = 6' 'Buzzer = 1'
+  start_camera
+  "$build/tools/camctl" --board "$board" watch >"$work/watch" &
+  boxes+=($!)
+  eventually 10 grep -q frames/s "$work/watch"
+  echo "2026-01-01T00:00:00Z 1 before" >>"$events"
+  eventually 5 grep -q 'event 1 before' "$work/watch"
+  echo "2026-01-01T00:00:00Z 2 last of the old one" >>"$events"
+  mv "$events" "$events.1"
+  echo "2026-01-01T00:00:00Z 3 first of the new one" >>"$events"
+  eventually 5 grep -q 'event 3 first of the new one' "$work/watch"
+  expect "$(grep -o 'event [0-9] [a-z].*' "$work/watch")" \
+    $'event 1 before\nevent 2 last of the old one\nevent 3 first of the new one' "events"
+}
+
 test_watch_ends_with_the_camera() {
   start_camera
   "$build/tools/camctl" --board "$board" watch >"$work/watch" 2>&1 &
@@ -166,6 +211,13 @@ test_lone_board_needs_no_name() {
   start_camera
   "$build/tools/camctl" status | grep -q "^camera   $board," || fail "another camera"
   (cd "$board/etc" && "$build/tools/camctl" --board .. status) | grep -q "^camera   $board,"
+}
+
+# As on a camera, where every path is the real one.
+test_inside_the_camera_it_needs_no_board() {
+  start_camera
+  "$root/board/enter" "$board" "$build/tools/camctl" status >"$work/status"
+  grep -q "^camera   this machine, process $daemon\$" "$work/status" || fail "$(cat "$work/status")"
 }
 
 test_manual_page_is_sound() {

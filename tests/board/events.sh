@@ -146,6 +146,21 @@ test_schedule_that_never_comes_fires_nothing() {
   eventually 12 recorded 1
 }
 
+test_clock_is_set_on_its_schedule() {
+  called ntpc && fail "before the start"
+  printf '[System]\nSync Schedule = 0.0003\n' >"$board/etc/sys.conf"  # 1 s, looked at each 3 s
+  start_camera
+  eventually 12 called ntpc
+  printf '[System]\nSync Schedule = 0\n' >"$board/etc/sys.conf"
+  rm -f "$board/run/camera/io/input_used"
+  camctl reload
+  eventually 10 events_are_built
+  local before
+  before=$(grep -c ntpc "$board/var/log/camera/board.log")
+  sleep 4
+  expect "$(grep -c ntpc "$board/var/log/camera/board.log")" "$before" "calls after it was switched off"
+}
+
 test_watch_shows_events_as_they_fire() {
   write_events 'Source = 6' 'Buzzer = 1'
   start_camera

@@ -55,7 +55,8 @@ pid_t daemonAmong(const std::function<pid_t(int byte)>& ownerOf) {
 }
 
 pid_t cameraAt(const std::string& root) {
-  const int fd = open((root + "/dev/shm/camera/video").c_str(), O_RDONLY | O_CLOEXEC);
+  // Without waiting, should it be a pipe.
+  const int fd = open((root + "/dev/shm/camera/video").c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (fd < 0) return errno == ENOENT || errno == ENOTDIR ? 0 : -1;
   const pid_t daemon = daemonAmong([fd](int byte) {
     struct flock lock {};
