@@ -137,6 +137,7 @@ TEST_F(RecorderStress, StartsOfManyThreadsAndStepsOfTheClockLoseNothing) {
   steps = true;
   CountingRecorder recorder(&camera, "/usb", nullptr, nullptr);
   std::vector<std::thread> starters;
+  starters.reserve(kThreads);
   for (int i = 0; i < kThreads; ++i)
     starters.emplace_back([this, &recorder, i] {
       std::mt19937 random(static_cast<unsigned>(i));
@@ -181,6 +182,7 @@ TEST_F(RecorderStress, StoppedRecorderMayBeDeletedAtAnyInstant) {
 TEST_F(RecorderStress, RecordersComeAndGoAsClientsOfTheWriters) {
   constexpr int kRecorders = 8;
   std::vector<std::unique_ptr<CountingRecorder>> recorders;
+  recorders.reserve(kRecorders);
   for (int i = 0; i < kRecorders; ++i)
     recorders.push_back(std::make_unique<CountingRecorder>(&camera, "/usb", nullptr, nullptr));
   std::atomic<bool> end{false};

@@ -9,8 +9,6 @@ namespace {
 
 using testing::AnyOf;
 using testing::Contains;
-using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::SizeIs;
 
 // Runs the same short recording again and again, and interferes at another instant each time: at
@@ -32,7 +30,7 @@ class RecorderStart : public RecordFixture {
     fake.onLeave([&](bool) { reach(); });
     begin = fake.clock.monotonicUs();
     pictures(fake.video2, 0.05, 0.1, 12);
-    for (double at = 0.005; at < 3; at += 0.01) fake.at(at, reach);
+    for (int ms = 5; ms < 3000; ms += 10) fake.at(ms / 1000.0, reach);
     recorder.start(1);
     bodies = 0;
     while (passedMs() < 20000) {  // until nothing is due any more
