@@ -8,7 +8,9 @@ summary_is_good() {
   grep -q '^ *1 x 520 ' "$1" || fail "web2 did not fire once"
   grep -qE '^Recordings +[1-9]' "$1" || fail "no recordings"
   grep -qE '^[0-9:]{8}  recording .*\.jpg, 36748 bytes$' "$1" || fail "no recording was shown"
-  grep -qE '^[0-9:]{8} +[1-9][0-9.]* frames/s' "$1" || fail "no frames were shown"
+  grep -qE '^[0-9:]{8} +[1-9][0-9.]* frames/s .* framerate 2$' "$1" || fail "no frames were shown"
+  grep -qE '^[0-9:]{8}  event 525 ' "$1" || fail "no event was shown"
+  grep -qE '^  .*\.jpg  36748 bytes$' "$1" || fail "no recording in the summary"
 }
 
 # A sanitized daemon under a shell that counts seconds: the same, with more time.
@@ -20,6 +22,15 @@ test_run_for_some_seconds() {
   find "$work/run/usb" -name '*.jpg' -exec cmp "$picture" {} \;
   expect "$(cat "$work/run"/run/*.pid | while read -r pid; do is_gone "$pid" || echo "$pid"; done)" "" \
     "processes"
+}
+
+test_run_takes_a_number_of_seconds_alone() {
+  local seconds
+  for seconds in x -1 1.5 1s 9999999; do
+    expect "$(exit_of "$root/scripts/run" --build "$build" --board "$work/run" --for $seconds)" 2 "$seconds"
+  done
+  timeout 100 "$root/scripts/run" --build "$build" --board "$work/run" --for 08 >"$work/shown"
+  grep -q '^Ran for *8 s$' "$work/shown" || fail "$(cat "$work/shown")"
 }
 
 test_run_as_an_ordinary_user() {
@@ -52,8 +63,10 @@ test_run_shows_another_picture() {
   grep -q "recording .*, $(stat -c %s "$work/large.jpg") bytes" "$work/shown" || fail "$(cat "$work/shown")"
 }
 
+# As from a terminal: a process group of its own, in which an interrupt counts.
 begin_run() {
-  "$root/scripts/run" --build "$build" --board "$work/run" >"$work/shown" 2>&1 &
+  setsid env --default-signal=INT "$root/scripts/run" --build "$build" --board "$work/run" \
+    >"$work/shown" 2>&1 &
   script=$!
   boxes+=("$script")
   eventually 30 grep -q frames/s "$work/shown"
@@ -65,11 +78,21 @@ all_gone() {
   for pid in $pids; do is_gone "$pid" || return 1; done
 }
 
+# Ctrl-C reaches all processes of the group.
 test_interrupt_ends_everything() {
   begin_run
+  ends_everything -INT -- "-$script"
+}
+test_termination_ends_everything() {
+  begin_run
+  ends_everything -TERM "$script"
+}
+
+# ends_everything ARGUMENT OF kill...
+ends_everything() {
   local begun code=0
   begun=$(now_ms)
-  kill -TERM "$script"
+  kill "$@"
   wait "$script" || code=$?
   [ $(($(now_ms) - begun)) -lt $((2000 * slow)) ] || fail "took $(($(now_ms) - begun)) ms"
   expect $code 130 "exit status"
@@ -91,11 +114,15 @@ test_missing_package_is_named() {
   printf '#!/bin/sh\nexit 1\n' >"$work/bin/apt-get"
   cp "$work/bin/apt-get" "$work/bin/sudo"
   chmod +x "$work/bin"/*
-  local code=0
-  PATH=$work/bin:$PATH "$root/scripts/run" --for 1 >"$work/shown" 2>&1 || code=$?
-  expect $code 1 "exit status"
-  grep -q '^  libinih-dev$' "$work/shown" || fail "$(cat "$work/shown")"
-  ! grep -q 'Building' "$work/shown" || fail "it did not stop"
+  local command code
+  for command in 'run --for 1' 'test release' 'bench 1'; do
+    code=0
+    # shellcheck disable=SC2086  # words of one command
+    PATH=$work/bin:$PATH timeout 10 "$root/scripts/"$command >"$work/shown" 2>&1 || code=$?
+    expect $code 1 "exit status of $command"
+    grep -q '^  libinih-dev$' "$work/shown" || fail "$(cat "$work/shown")"
+    ! grep -qE '^(Building|==)' "$work/shown" || fail "$command did not stop"
+  done
 }
 
 test_scripts_are_sound() {
