@@ -21,6 +21,8 @@ namespace sb {
 namespace {
 
 constexpr mode_t kFileMode = 0660;
+constexpr const char* kOtherSize = "the file has another size";
+constexpr const char* kNoMapping = "it can't be mapped";
 constexpr std::uint32_t kLayoutPage = 4096;  // at least; systems with larger pages use theirs
 
 // Checks what the head says against itself, the file and this program, and takes the copy that is
@@ -37,7 +39,7 @@ const char* readGeometry(const Head& head, off_t fileSize, Segment* segment) {
       head.totalBytes != g.totalBytes) {
     return "its sizes contradict each other";
   }
-  if (fileSize != static_cast<off_t>(g.totalBytes)) return "the file has another size";
+  if (fileSize != static_cast<off_t>(g.totalBytes)) return kOtherSize;
   segment->epoch = head.epoch;
   if (segment->epoch == 0) return "it has no epoch";
   segment->geometry = g;
@@ -50,15 +52,15 @@ const char* mapSegment(int fd, Segment* segment) {
   if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) return "it is no regular file";
   if (!trustedOwner(status.st_uid)) return "it belongs to somebody else";
   if (status.st_size < static_cast<off_t>(sizeof(Head)) || status.st_size > UINT32_MAX / 2) {
-    return "the file has another size";
+    return kOtherSize;
   }
   const auto size = static_cast<std::size_t>(status.st_size);
   void* base = mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);
-  if (base == MAP_FAILED) return "it can't be mapped";
+  if (base == MAP_FAILED) return kNoMapping;
   const char* wrong = readGeometry(*static_cast<const Head*>(base), status.st_size, segment);
   if (wrong == nullptr &&
       mprotect(base, segment->geometry.dataOffset, PROT_READ | PROT_WRITE) != 0) {
-    wrong = "it can't be mapped";
+    wrong = kNoMapping;
   }
   if (wrong != nullptr) {
     munmap(base, size);
