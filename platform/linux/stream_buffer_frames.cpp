@@ -189,7 +189,9 @@ void SB_HANDLE::unpin(int index) {
   sb::futexWake(head.freed);
 }
 
-// Pins the frame with the smallest number after `*number` and moves `*number` to it.
+// Pins the frame with the smallest number after `*number` and moves `*number` to it. Numbers beyond
+// the one that comes next are damage: going after them, a reader would circle for ever. `latest` is
+// read behind the frame's number, which it precedes by one at the most.
 int SB_HANDLE::tryAcquire(std::uint32_t* number) {
   const std::lock_guard<sb::BriefLock> guard(mine.frameLock);
   for (;;) {
@@ -204,6 +206,7 @@ int SB_HANDLE::tryAcquire(std::uint32_t* number) {
     }
     if (best < 0) return -1;
     const std::uint32_t wanted = *number + static_cast<std::uint32_t>(bestDistance);
+    if (sb::distance(wanted, sb::numberAfter(head.latest)) > 0) return -1;
     if (!pin(best, wanted)) continue;
     *number = wanted;
     if (readable(best)) return best;

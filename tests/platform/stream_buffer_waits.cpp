@@ -169,6 +169,24 @@ TEST_F(StreamBuffer, PlaceOfAnotherSegmentOrOfTheFutureJoinsAnew) {
   EXPECT_EQ(readFrame(sbVideo(), &past), 1U);
 }
 
+// Four numbers around the whole circle: each has another one ahead of it.
+TEST_F(StreamBuffer, DamagedNumbersHoldNoReaderAndAreWrittenOver) {
+  ASSERT_TRUE(own());
+  ASSERT_NE(sbVideo(), nullptr);
+  for (const bool filled : {false, true}) {
+    for (std::uint32_t i = 0; filled && i < kSmall.frames; ++i)
+      ASSERT_TRUE(writeFrame(sbVideo(), 100 + i));
+    Place place{static_cast<std::int32_t>(sbVideo()->head.latest),
+                static_cast<std::int32_t>(sbVideo()->segment.epoch)};
+    for (std::uint32_t i = 0; i < kSmall.frames; ++i) sbVideo()->seq[i] = 0x1000000U + (i << 30);
+    EXPECT_EQ(readFrame(sbVideo(), &place), 0U) << "a frame that nobody wrote";
+    for (std::uint32_t i = 1; i <= 2 * kSmall.frames; ++i) {
+      ASSERT_TRUE(writeFrame(sbVideo(), i));
+      EXPECT_EQ(readFrame(sbVideo(), &place), i);
+    }
+  }
+}
+
 TEST_F(StreamBuffer, ReadersCanNotWriteIntoFrames) {
   ASSERT_TRUE(own());
   ASSERT_TRUE(writeFrame(sbVideo(), 1));
