@@ -76,10 +76,8 @@ TEST_P(StreamBufferReaderCrash, CanNotMakeTheWriterWaitWhenAllFramesAreHeldByThe
 TEST_P(StreamBufferReaderCrash, StoppedInsteadCostsTheWriterNothingButDepth) {
   ASSERT_TRUE(own());
   ASSERT_TRUE(writeFrame(sbVideo(), 1));
-  SharedWords shared;
-  Child reader([&shared] {
-    callAt(GetParam(), [&shared] {
-      shared[0] = 1;
+  Child reader([] {
+    callAt(GetParam(), [] {
       raise(SIGSTOP);
       callAt(Point::kCount, nullptr);
     });
@@ -88,7 +86,7 @@ TEST_P(StreamBufferReaderCrash, StoppedInsteadCostsTheWriterNothingButDepth) {
     const std::uint32_t first = readFrame(sbVideo(), &place);
     return first != 0 && readFrame(sbVideo(), &place) > first ? 0 : 1;
   });
-  ASSERT_TRUE(eventually([&] { return shared[0] == 1; }));
+  ASSERT_TRUE(reader.awaitStop());
   for (std::uint32_t i = 2; i < 1000; ++i) ASSERT_TRUE(writeFrame(sbVideo(), i));
   EXPECT_EQ(sbVideo()->head.busyCount, 0U);
   reader.kill(SIGCONT);
@@ -154,17 +152,13 @@ TEST_P(StreamBufferWriterCrash, DoesNotHoldWaitingReaders) {
 
 TEST_P(StreamBufferWriterCrash, StoppedInsteadHoldsNoReader) {
   ASSERT_TRUE(own());
-  SharedWords shared;
-  Child writer([&shared] {
+  Child writer([] {
     writeFrame(sbVideo(), 1);
     writeFrame(sbVideo(), 2);
-    callAt(GetParam(), [&shared] {
-      shared[0] = 1;
-      raise(SIGSTOP);
-    });
+    callAt(GetParam(), [] { raise(SIGSTOP); });
     return writeFrame(sbVideo(), 3) ? 0 : 1;
   });
-  ASSERT_TRUE(eventually([&] { return shared[0] == 1; }));
+  ASSERT_TRUE(writer.awaitStop());
   Place place;
   EXPECT_EQ(readFrame(sbVideo(), &place), 1U);
   EXPECT_EQ(readFrame(sbVideo(), &place), 2U);
@@ -231,17 +225,15 @@ TEST_F(StreamBufferCrash, OfATesterBeforeItsSwapLeavesTheMark) {
 
 TEST_F(StreamBufferCrash, OfSettersAndTestersWhileOthersAreStoppedHoldsNobody) {
   ASSERT_TRUE(own());
-  SharedWords shared;
-  Child stopped([&shared] {
-    callAt(Point::kCellWritten, [&shared] {
-      shared[0] = 1;
+  Child stopped([] {
+    callAt(Point::kCellWritten, [] {
       raise(SIGSTOP);
       callAt(Point::kCount, nullptr);
     });
     sbSetUserdata(sbVideo(), 4, 1000);
     return 0;
   });
-  ASSERT_TRUE(eventually([&] { return shared[0] == 1; }));
+  ASSERT_TRUE(stopped.awaitStop());
   for (int i = 0; i < 100; ++i) {
     sbSetUserdata(sbVideo(), 4, i);
     ASSERT_EQ(sbTestUserdata(sbVideo(), 4), i);

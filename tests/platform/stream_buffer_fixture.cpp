@@ -84,8 +84,12 @@ void Child::kill(int signal) const { ::kill(pid_, signal); }
 
 void Child::stop() const {
   ::kill(pid_, SIGSTOP);
+  awaitStop();
+}
+
+bool Child::awaitStop() const {
   int status = 0;
-  waitpid(pid_, &status, WUNTRACED);
+  return waitpid(pid_, &status, WUNTRACED) == pid_ && WIFSTOPPED(status);
 }
 
 int Child::wait() {

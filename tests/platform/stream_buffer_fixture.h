@@ -26,6 +26,9 @@ class Child {
   void kill(int signal) const;
   // Stops the process and returns when it has stopped.
   void stop() const;
+  // Returns when the process has stopped itself; a signal to go on would be lost before that.
+  // False: it has ended instead.
+  bool awaitStop() const;
   // Returns the exit status, or minus the signal that ended it.
   int wait();
 
