@@ -109,7 +109,9 @@ start_daemon() {
   rm -f -- "$board/run/video_svr.pid"
   launch "$build/core/video_svr" "${options[@]}"
   daemon_box=$box
-  eventually 10 test -s "$board/run/video_svr.pid"
+  started_or_dead() { [ -s "$board/run/video_svr.pid" ] || is_gone "$daemon_box"; }
+  eventually 10 started_or_dead
+  [ -s "$board/run/video_svr.pid" ] || fail "the daemon can't be started"
   daemon=$(cat "$board/run/video_svr.pid")
 }
 
