@@ -1,9 +1,6 @@
 // Trigger polling: publishes what the camera's inputs and outputs are doing.
 #pragma once
 
-// The type of the message that signals the digital input.
-constexpr int kMessageInputTrigger = 8;
-
 // Takes the states of digital input, relays and privacy into the status word, and whether a message
 // signals the input. Takes one message at the most. A source that fails keeps its bit, each time
 // with a message: the log folds what repeats. Main thread.

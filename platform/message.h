@@ -14,6 +14,9 @@ struct TMessage {
 };
 static_assert(sizeof(TMessage) == 28, "seven 32-bit words: other processes send and receive them");
 
+// Type of the message by which the digital input tells the daemon that it has signalled.
+constexpr int kMessageInputTrigger = 8;
+
 // Sends a message to the process called `process`. Never blocks.
 // Returns 0 on success; -1 when the peer is missing or does not keep up. Any thread.
 int SendMessage(const char* process, int id, int argument1, int argument2, int type = 0);

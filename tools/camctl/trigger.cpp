@@ -12,10 +12,9 @@
 namespace {
 
 constexpr char kDaemon[] = "video_svr";  // its name in the messaging service
-constexpr int kInputTriggerType = 8;     // message type of a digital input that has signalled
 
 int signalInput() {
-  if (SendMessage(kDaemon, 0, 0, 0, kInputTriggerType) == 0) return kExitOk;
+  if (SendMessage(kDaemon, 0, 0, 0, kMessageInputTrigger) == 0) return kExitOk;
   std::fprintf(stderr, "camctl: the camera takes no message: %s\n", std::strerror(errno));
   return kExitFailed;
 }
