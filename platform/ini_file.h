@@ -22,6 +22,6 @@ int getIniStr(const char* file, const char* section, const char* key, char* buff
 // there is none. Downwards: for (n = getIniSection(f, max); n > 0; n = getIniSection(f, n - 1)).
 int getIniSection(const char* file, int limit);
 
-// Returns the lowest number from `from` (1 or more) on that makes, written behind `prefix`, a key of
-// `section` ("Start12"); 0 when there is none. `prefix` must not end in a digit.
+// Returns the lowest number from `from` (1 or more) on that makes, written behind `prefix`, a key
+// of `section` ("Start12"); 0 when there is none. `prefix` must not end in a digit.
 int getIniKey(const char* file, const char* section, const char* prefix, int from);
