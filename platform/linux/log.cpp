@@ -24,8 +24,20 @@ namespace {
 
 constexpr std::size_t kLineLength = 1000;
 constexpr std::uint32_t kFoldMs = 1000;
+// As many lines may take turns and are still seen to repeat: more than one pass of anything logs.
+constexpr std::size_t kLines = 8;
 
-// Where lines go, and the line that is being folded. All of it is initialised at compile time and
+// A line that was written of late.
+struct Line {
+  char text[kLineLength + 1] = "";
+  int level = 0;                // 0: free
+  std::uint32_t seenMs = 0;     // the line, or a repeat of it
+  std::uint32_t seenAs = 0;     // counts all lines, as several may come within a millisecond
+  std::uint32_t writtenMs = 0;  // the line, or how often it was repeated
+  unsigned repeats = 0;         // since then
+};
+
+// Where lines go, and those that are being folded. All of it is initialised at compile time and
 // has no destructor: static objects and threads left behind log to the very end.
 struct Log {
   std::mutex mutex;  // guards the rest; nothing that can block is done under it
@@ -33,11 +45,9 @@ struct Log {
   bool toStderr = false;
   int socket = -1;
   UnixAddress address{};
-  char last[kLineLength + 1] = "";
-  int lastLevel = 0;         // 0: there is no last line
-  std::uint32_t seenMs = 0;  // the last line, or a repeat of it
-  std::uint32_t writtenMs = 0;
-  unsigned repeats = 0;  // since then
+  Line lines[kLines];
+  const Line* written = nullptr;  // last: the line, or its repeats
+  std::uint32_t seen = 0;         // lines ever
 };
 Log theLog;
 
@@ -82,13 +92,35 @@ void writeLine(int level, const char* text) {
   if (write(STDERR_FILENO, line, length) < 0) return;
 }
 
-void writeRepeats(std::uint32_t now) {
-  if (theLog.repeats == 0) return;
-  char line[40];
-  std::snprintf(line, sizeof line, "repeated %u times", theLog.repeats);
-  writeLine(theLog.lastLevel, line);
-  theLog.repeats = 0;
-  theLog.writtenMs = now;
+// Repeats of the line that was written last need no text.
+void writeRepeats(Line& line, std::uint32_t now) {
+  if (line.repeats == 0) return;
+  char text[kLineLength + 40];
+  const bool last = theLog.written == &line;
+  std::snprintf(text, sizeof text, "repeated %u times%s%.*s", line.repeats, last ? "" : ": ",
+                last ? 0 : static_cast<int>(kLineLength), line.text);
+  writeLine(line.level, text);
+  line.repeats = 0;
+  line.writtenMs = now;
+  theLog.written = &line;
+}
+
+// Returns the line that `text` repeats, null if it is a new one.
+Line* findLine(int level, const char* text, std::uint32_t now) {
+  for (Line& line : theLog.lines)
+    if (line.level == level && now - line.seenMs < kFoldMs && std::strcmp(line.text, text) == 0)
+      return &line;
+  return nullptr;
+}
+
+// Returns a free place, else that of the line that was not seen for longest.
+Line& placeForLine() {
+  Line* oldest = &theLog.lines[0];
+  for (Line& line : theLog.lines) {
+    if (line.level == 0) return line;
+    if (theLog.seen - line.seenAs > theLog.seen - oldest->seenAs) oldest = &line;
+  }
+  return *oldest;
 }
 
 // Makes one line of what was formatted: cut between characters, without line feeds or anything else
@@ -105,22 +137,27 @@ void tidy(char* line) {
     if (static_cast<unsigned char>(*c) < ' ' || *c == 0x7F) *c = '?';
 }
 
-void logLine(int level, const char* line) {
+void logLine(int level, const char* text) {
   const std::lock_guard<std::mutex> lock(theLog.mutex);
   const std::uint32_t now = monotonicMs();
-  const bool repeats = theLog.lastLevel == level && now - theLog.seenMs < kFoldMs &&
-                       std::strcmp(theLog.last, line) == 0;
-  theLog.seenMs = now;
-  if (repeats) {
-    ++theLog.repeats;
-    if (now - theLog.writtenMs >= kFoldMs) writeRepeats(now);
-    return;
+  ++theLog.seen;
+  Line* const repeated = findLine(level, text, now);
+  if (repeated != nullptr) {
+    repeated->seenMs = now;
+    repeated->seenAs = theLog.seen;
+    ++repeated->repeats;
   }
-  writeRepeats(now);
-  writeLine(level, line);
-  theLog.writtenMs = now;
-  theLog.lastLevel = level;
-  std::strcpy(theLog.last, line);
+  // A new line comes after the repeats that came before it.
+  for (Line& line : theLog.lines)
+    if (repeated == nullptr || now - line.writtenMs >= kFoldMs) writeRepeats(line, now);
+  if (repeated != nullptr) return;
+  Line& line = placeForLine();
+  writeLine(level, text);
+  std::strcpy(line.text, text);
+  line.level = level;
+  line.seenMs = line.writtenMs = now;
+  line.seenAs = theLog.seen;
+  theLog.written = &line;
 }
 
 }  // namespace
@@ -141,8 +178,11 @@ int logEx(int level, const char* format, ...) {
 
 void free_log() {
   const std::lock_guard<std::mutex> lock(theLog.mutex);
-  writeRepeats(monotonicMs());
-  theLog.lastLevel = 0;
+  for (Line& line : theLog.lines) {
+    writeRepeats(line, monotonicMs());
+    line.level = 0;
+  }
+  theLog.written = nullptr;
   if (theLog.socket >= 0) close(theLog.socket);
   theLog.socket = -1;
   theLog.address.clear();

@@ -102,12 +102,31 @@ TEST_F(Log, LineAfterAPauseIsWrittenAgain) {
   EXPECT_THAT(log.lines(), ElementsAre("3 now and then", "3 now and then"));
 }
 
-TEST_F(Log, LinesThatTakeTurnsAreNoRepeats) {
+TEST_F(Log, LinesThatTakeTurnsAreFoldedEachByItself) {
   for (int i = 0; i < 3; ++i) {
+    logEx(3, "one");
+    logEx(2, "two");
+  }
+  EXPECT_THAT(log.lines(), ElementsAre("3 one", "2 two"));
+  free_log();
+  EXPECT_THAT(log.lines(),
+              ElementsAre("3 one", "2 two", "3 repeated 2 times: one", "2 repeated 2 times: two"));
+}
+
+TEST_F(Log, NewLineComesAfterTheRepeatsBeforeIt) {
+  for (int i = 0; i < 2; ++i) {
     logEx(3, "one");
     logEx(3, "two");
   }
-  EXPECT_THAT(log.lines(), SizeIs(6));
+  logEx(3, "three");
+  EXPECT_THAT(log.lines(), ElementsAre("3 one", "3 two", "3 repeated 1 times: one",
+                                       "3 repeated 1 times: two", "3 three"));
+}
+
+// Of more lines than are remembered none is taken for a repeat, and none is lost.
+TEST_F(Log, NineLinesThatTakeTurnsAreAllWritten) {
+  for (int i = 0; i < 18; ++i) logEx(3, "line %d", i % 9);
+  EXPECT_THAT(log.lines(), SizeIs(18));
 }
 
 TEST_F(Log, TheSameTextAtAnotherLevelIsNoRepeat) {
