@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -42,7 +43,7 @@ struct Line {
 struct Log {
   std::mutex mutex;  // guards the rest; nothing that can block is done under it
   bool open = false;
-  bool toStderr = false;
+  int error = -1;  // descriptor for standard error; -1: lines don't go there
   int socket = -1;
   UnixAddress address{};
   Line lines[kLines];
@@ -51,11 +52,21 @@ struct Log {
 };
 Log theLog;
 
+// Returns a descriptor that leads where standard error does and never blocks. Descriptor 2 itself
+// must stay as it is: other processes share its flags.
+int openError() {
+  struct stat error {};
+  if (fstat(STDERR_FILENO, &error) != 0 || (!S_ISCHR(error.st_mode) && !S_ISFIFO(error.st_mode)))
+    return STDERR_FILENO;
+  const int own = open("/proc/self/fd/2", O_WRONLY | O_APPEND | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  return own >= 0 ? own : STDERR_FILENO;
+}
+
 void openLog() {
   theLog.open = true;
   const char* const wish = getenv("VS_LOG");
-  theLog.toStderr =
-      isatty(STDERR_FILENO) != 0 || (wish != nullptr && std::strcmp(wish, "stderr") == 0);
+  if (isatty(STDERR_FILENO) != 0 || (wish != nullptr && std::strcmp(wish, "stderr") == 0))
+    theLog.error = openError();
   // libc's syslog() blocks while the system's logger does not keep up, and takes a lock meanwhile.
   theLog.socket = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (theLog.socket >= 0 && !theLog.address.set(rooted("/dev/log").c_str())) {
@@ -85,11 +96,11 @@ void writeLine(int level, const char* text) {
     sendto(theLog.socket, line, length, MSG_DONTWAIT | MSG_NOSIGNAL, theLog.address.get(),
            theLog.address.size());
   }
-  pollfd room{STDERR_FILENO, POLLOUT, 0};
-  if (!theLog.toStderr || poll(&room, 1, 0) != 1) return;
+  pollfd room{theLog.error, POLLOUT, 0};
+  if (theLog.error < 0 || poll(&room, 1, 0) != 1) return;
   const std::size_t length = lengthOf(
       std::snprintf(line, sizeof line, "%.40s: %s: %s\n", processName(), known.name, text));
-  if (write(STDERR_FILENO, line, length) < 0) return;
+  if (write(theLog.error, line, length) < 0) return;
 }
 
 // Repeats of the line that was written last need no text.
@@ -186,5 +197,7 @@ void free_log() {
   if (theLog.socket >= 0) close(theLog.socket);
   theLog.socket = -1;
   theLog.address.clear();
+  if (theLog.error > STDERR_FILENO) close(theLog.error);
+  theLog.error = -1;
   theLog.open = false;
 }

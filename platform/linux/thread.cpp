@@ -96,7 +96,6 @@ void PThread::run() {
     return;
   }
   s.running = true;
-  s.asked = false;
   s.left = false;
   s.inside = true;
   State::All::instance().add(state_);

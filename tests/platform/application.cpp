@@ -6,8 +6,10 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -361,7 +363,7 @@ TEST(Application, BodiesThatNobodyEndedAreEndedBeforeStaticDestructors) {
   EXPECT_THAT(child.output(), HasSubstr("release\nended\ndestroyed\n"));
 }
 
-TEST(Application, StuckLogDoesNotSaveAStuckProcess) {
+TEST(Application, UnreadLogDoesNotSaveAStuckProcess) {
   Child child([] {
     TestApplication application;
     application.running = [] {
@@ -380,4 +382,35 @@ TEST(Application, StuckLogDoesNotSaveAStuckProcess) {
   EXPECT_LT(took, 5000U);
 }
 
+// The system's logger, hanging inside the log's own lock.
+std::atomic<bool> loggerHangs{false};
+
+TEST(Application, HangingLogDoesNotSaveAStuckProcess) {
+  Child child([] {
+    TestApplication application;
+    application.running = [] {
+      loggerHangs = true;
+      say("ready");
+      logEx(3, "never gets through");
+      return true;
+    };
+    return runWith(application);
+  });
+  const auto [status, took] = terminate(child);
+  EXPECT_EQ(status, -SIGALRM);
+  EXPECT_LT(took, 5000U);
+}
+
 }  // namespace
+
+extern "C" {
+ssize_t __real_sendto(int fd, const void* data, size_t size, int flags, const sockaddr* address,
+                      socklen_t length);
+ssize_t __wrap_sendto(int fd, const void* data, size_t size, int flags, const sockaddr* address,
+                      socklen_t length);
+ssize_t __wrap_sendto(int fd, const void* data, size_t size, int flags, const sockaddr* address,
+                      socklen_t length) {
+  while (loggerHangs) pause();
+  return __real_sendto(fd, data, size, flags, address, length);
+}
+}
