@@ -63,6 +63,19 @@ test_run_shows_another_picture() {
   grep -q "recording .*, $(stat -c %s "$work/large.jpg") bytes" "$work/shown" || fail "$(cat "$work/shown")"
 }
 
+test_run_refuses_what_is_no_picture() {
+  : >"$work/empty.jpg"
+  echo "no picture" >"$work/text.jpg"
+  local file status
+  for file in "$work/empty.jpg" "$work/text.jpg" "$work"; do
+    status=0
+    timeout 100 "$root/scripts/run" --build "$build" --board "$work/run" --for 3 --picture "$file" \
+      >"$work/shown" 2>&1 || status=$?
+    expect "$status" 1 "$file"
+    grep -q "$file is no JPEG picture\$" "$work/shown" || fail "$(cat "$work/shown")"
+  done
+}
+
 # As from a terminal: a process group of its own, in which an interrupt counts.
 begin_run() {
   setsid env --default-signal=INT "$root/scripts/run" --build "$build" --board "$work/run" \
