@@ -25,6 +25,7 @@ bool TOutHandler::onTrigger() {
   if (!THandler::onTrigger()) {
     return false;
   }
+  const std::lock_guard<std::mutex> guard(mutex_);
   on_ = true;
   send(true);
   scheduler()->alarm(this, std::max(duration(), kShortestPulseS), alarm);
@@ -43,6 +44,9 @@ void TOutHandler::cancel() {
 
 bool TOutHandler::alarm(void* handler) {
   auto* self = static_cast<TOutHandler*>(handler);
+  const std::lock_guard<std::mutex> guard(self->mutex_);
+  // A trigger that came first has begun a new pulse, and its alarm is kept.
+  if (scheduler()->rearmed(self)) return false;
   self->on_ = false;
   self->send(false);
   return false;

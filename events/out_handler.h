@@ -1,6 +1,8 @@
 // The action that pulses a relay output.
 #pragma once
 
+#include <mutex>
+
 #include "events/handler.h"
 #include "platform/relaxed.h"
 
@@ -29,5 +31,8 @@ class TOutHandler : public THandler {
   void send(bool on) const;
 
   const unsigned char output_;
+  // Keeps what is sent and the alarm together: without it the end of one pulse could switch off the
+  // next one, which began at the same instant.
+  std::mutex mutex_;
   Relaxed<bool> on_{false};  // for a pulse that got no alarm: nothing else would tell that it is on
 };

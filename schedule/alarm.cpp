@@ -41,6 +41,11 @@ bool TAlarm::serves(const void* owner) const {
   return owner_ == owner && (calling_ || activeNow());
 }
 
+bool TAlarm::rearmed(const void* owner) const {
+  Claim claim(*this);
+  return owner_ == owner && calling_ && rearmed_ && activeNow();
+}
+
 long TAlarm::counter() const {
   Claim claim(*this);
   return counter_;

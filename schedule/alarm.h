@@ -37,6 +37,10 @@ class TAlarm {
   // Returns true iff the slot is active, or calling back, for `owner`.
   bool serves(const void* owner) const;
 
+  // For the callback of `owner` itself: returns true iff the alarm was armed anew since the
+  // callback was decided upon.
+  bool rearmed(const void* owner) const;
+
   // Waits for the end of the callback if it is running on another thread.
   void waitForCallback();
 

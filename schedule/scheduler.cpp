@@ -86,6 +86,11 @@ bool TScheduler::alarm(void* owner, long seconds, TAlarm::Callback callback) {
   return had;
 }
 
+bool TScheduler::rearmed(const void* owner) {
+  const TAlarm* const slot = slotOf(owner);
+  return slot != nullptr && slot->rearmed(owner);
+}
+
 void TScheduler::pass(bool withSchedules) {
   TDateTime now;
   now.set();

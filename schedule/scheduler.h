@@ -44,6 +44,10 @@ class TScheduler : public PThread {
   // Logs 3 "TScheduler::alarm() IPE" when every slot is taken.
   bool alarm(void* owner, long seconds, TAlarm::Callback callback);
 
+  // For an alarm callback: returns true iff the alarm of its `owner` was armed anew since the
+  // callback was decided upon, so that what it is about to end has begun again.
+  bool rearmed(const void* owner);
+
   // One pass of the body: alarms, and schedules if `withSchedules`. Scheduler thread.
   // Intended: while another thread holds the lock the schedules miss this pass.
   void pass(bool withSchedules);

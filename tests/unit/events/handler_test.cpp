@@ -1,5 +1,8 @@
 // Actions: recording, relay outputs, buzzer, access.
+#include <atomic>
+#include <chrono>
 #include <climits>
+#include <thread>
 
 #include "core/status_slots.h"
 #include "events/buzzer_handler.h"
@@ -111,6 +114,30 @@ TEST_F(Handlers, NewTriggerProlongsThePulse) {
   EXPECT_THAT(actions(), IsEmpty());
   schedulerPasses(1);
   EXPECT_THAT(actions(), ElementsAre("SendMessage(socmond,52,0,0)"));
+}
+
+// The end of a pulse comes while a trigger has switched the output on and not yet armed its alarm.
+TEST_F(Handlers, TriggerAtTheInstantOfAPulsesEndIsNotCut) {
+  TOutHandler handler(0, 1);
+  handler.onTrigger();
+  schedulerPasses(1);
+  std::thread end;
+  std::atomic<bool> cut{false};
+  fake.onCall([&](const std::string& call) {
+    if (call == "SendMessage(socmond,52,0,0)") cut = true;
+    if (call != "SendMessage(socmond,52,1,0)" || end.joinable()) return;
+    end = std::thread([] { scheduler()->pass(false); });
+    // The end either cuts the pulse at once or has to wait, which shows by nothing.
+    for (int ms = 0; ms < 200 && !cut; ++ms)
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  });
+  handler.onTrigger();
+  end.join();
+  fake.onCall(nullptr);
+  EXPECT_FALSE(cut);
+  EXPECT_EQ(1, registeredAlarms()) << "the end of the new pulse";
+  schedulerPasses(2);
+  EXPECT_EQ("SendMessage(socmond,52,0,0)", actions().back());
 }
 
 TEST_F(Handlers, PrivacySuppressesTheOutputAndLogs526) {

@@ -178,6 +178,23 @@ TEST_F(Scheduler, CancelsAnAlarmAndTellsWhetherThereWasOne) {
   EXPECT_EQ(fake_.calls(), Calls{});
 }
 
+TEST_F(Scheduler, ACallbackSeesWhetherItsAlarmWasArmedAnew) {
+  a_.repeat = false;
+  bool before = true, after = false;
+  a_.during = [&] {
+    before = scheduler_.rearmed(&a_);
+    scheduler_.alarm(&a_, 5, Owner::alarm);
+    after = scheduler_.rearmed(&a_);
+  };
+  scheduler_.alarm(&a_, 1, Owner::alarm);
+  EXPECT_FALSE(scheduler_.rearmed(&a_)) << "armed, but nothing is being called back";
+  scheduler_.pass(false);
+  scheduler_.pass(false);
+  EXPECT_FALSE(before);
+  EXPECT_TRUE(after);
+  EXPECT_FALSE(scheduler_.rearmed(&b_));
+}
+
 TEST_F(Scheduler, TheThirtyFirstAlarmIsReportedAndLost) {
   std::vector<Owner> owners(31, a_);
   for (int i = 0; i < 30; ++i) EXPECT_TRUE(scheduler_.alarm(&owners[i], 100, Owner::alarm));
