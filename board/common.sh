@@ -33,14 +33,20 @@ board_memory() {
   fi
 }
 
+# board_view: names the view of the file system in which this process lives. The host's memory may be
+# shared with containers, whose boards' folders can't be seen from here, and are not gone for that.
+board_view() { readlink /proc/self/ns/mnt; }
+
 # board_sweep: gives back the memory and the registry entries of boards whose folders are gone.
 board_sweep() {
-  local entry registry
+  local entry registry view
+  view=$(board_view)
   registry=$(board_registry)
   for entry in "$registry"/*; do
     if [ -L "$entry" ] && ! board_is "$(readlink "$entry")"; then rm -f -- "$entry"; fi
   done
   for entry in /dev/shm/video_svr-board-"$(id -u)"-*; do
+    [ "$(cat -- "$entry/.view" 2>/dev/null)" = "$view" ] || continue
     if [ -L "$entry/.board" ] && ! board_is "$(readlink "$entry/.board")"; then rm -rf -- "$entry"; fi
   done
 }
@@ -52,6 +58,7 @@ board_register() {
   memory=$(board_memory "$board")
   registry=$(board_registry)
   (umask 077 && mkdir -p -- "$memory" "$registry")
+  board_view >"$memory/.view"
   ln -sfn -- "$board" "$memory/.board"
   ln -sfn -- "$memory" "$board/dev/shm"
   ln -sfn -- "$board" "$registry/$(board_id "$board")"

@@ -138,6 +138,23 @@ test_missing_package_is_named() {
   done
 }
 
+# What a container has there is not gone because its folder can't be seen from here.
+test_memory_of_lost_boards_is_given_back_but_not_that_of_containers() {
+  local lost container
+  lost=/dev/shm/video_svr-board-$(id -u)-test-lost-$$ container=/dev/shm/video_svr-board-$(id -u)-test-kept-$$
+  mkdir "$lost" "$container"
+  ln -s "$work/missing" "$lost/.board"
+  ln -s "$work/missing" "$container/.board"
+  readlink /proc/self/ns/mnt >"$lost/.view"
+  echo 'mnt:[1]' >"$container/.view"
+  "$root/board/make" "$work/another"
+  local kept=no
+  [ ! -d "$container" ] || kept=yes
+  rm -rf -- "$container"
+  [ $kept = yes ] || fail "the memory of another view was taken away"
+  [ ! -d "$lost" ] || fail "the memory of a lost board stayed"
+}
+
 test_scripts_are_sound() {
   command -v shellcheck >/dev/null || skip "shellcheck is not installed"
   cd "$root" || exit
