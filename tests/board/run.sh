@@ -48,6 +48,8 @@ test_run_as_an_ordinary_user() {
   (cd "$build" && cp --parents core/video_svr tools/camctl board/socmond "$home/built/")
   chown -R "$user" "$home"
   chmod 711 "$work"
+  mkdir -m 700 "$work/closed"
+  cd "$work/closed" || exit  # a folder where the user may not be is no obstacle
   setpriv --reuid "$user" --regid "$(id -g "$user")" --clear-groups \
     env -u XDG_RUNTIME_DIR HOME="$home" XDG_RUNTIME_DIR="$home/runtime" \
     timeout 100 "$home/project/scripts/run" --build "$home/built" --board "$home/camera" \
