@@ -115,22 +115,46 @@ int TCamera::setSource(int source) {
   return 0;
 }
 
-void TCamera::setMotionDetection(int /*windows*/) {}
+int TCamera::setMotionDetection(int /*windows*/) { return 0; }
 void TCamera::setOverlay(int /*overlay*/) {}
 void TCamera::setTimestamp() {}
 void TCamera::setPackage(int package) { package_ = package; }
 int TCamera::getMotionStatus(int /*window*/) { return 0; }
-void TCamera::setExposure(int exposure) { exposure_ = exposure; }
-void TCamera::setWhiteBalance(int whiteBalance) { whiteBalance_ = whiteBalance; }
-void TCamera::setNoiseReduction(int noiseReduction) { noiseReduction_ = noiseReduction; }
-void TCamera::setBacklight(int backlight) { backlight_ = backlight; }
-void TCamera::setShutter(int shutter) { shutter_ = shutter; }
-void TCamera::setFlip(int flip) { flip_ = flip; }
-void TCamera::setMirror(int mirror) { mirror_ = mirror; }
+int TCamera::setExposure(int exposure) {
+  exposure_ = exposure;
+  return 0;
+}
+int TCamera::setWhiteBalance(int whiteBalance) {
+  whiteBalance_ = whiteBalance;
+  return 0;
+}
+int TCamera::setNoiseReduction(int noiseReduction) {
+  noiseReduction_ = noiseReduction;
+  return 0;
+}
+int TCamera::setBacklight(int backlight) {
+  backlight_ = backlight;
+  return 0;
+}
+int TCamera::setShutter(int shutter) {
+  shutter_ = shutter;
+  return 0;
+}
+int TCamera::setFlip(int flip) {
+  flip_ = flip;
+  return 0;
+}
+int TCamera::setMirror(int mirror) {
+  mirror_ = mirror;
+  return 0;
+}
 void TCamera::setContrast(int contrast) { contrast_ = contrast; }
 void TCamera::setBrightness(int brightness) { brightness_ = brightness; }
 void TCamera::setHue(int hue) { hue_ = hue; }
 void TCamera::setSaturation(int saturation) { saturation_ = saturation; }
-void TCamera::setFlicker(int flicker) { flicker_ = flicker; }
+int TCamera::setFlicker(int flicker) {
+  flicker_ = flicker;
+  return 0;
+}
 void TCamera::getUserdata(int /*which*/, char* text) { *text = '\0'; }
 const TDateTime* TCamera::getTime() { return &lastRead_; }

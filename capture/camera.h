@@ -29,7 +29,9 @@ class TCamera {
   // Reads one frame of at most `length` bytes, at the earliest `interval` after the last one.
   // Returns the number of bytes, 0 or -1 as read() does.
   virtual int getImage(char* buffer, long length);
-  virtual void setMotionDetection(int windows);
+  // The settings that return a value: a negative one when the device refused. A device may return
+  // the value that it has taken, the base returns 0.
+  virtual int setMotionDetection(int windows);
   virtual void setOverlay(int overlay);
   // Shows the time anew: the clock was checked.
   virtual void setTimestamp();
@@ -41,16 +43,15 @@ class TCamera {
   virtual void setPackage(int package);
   // Returns non-zero iff there is motion in the window.
   virtual int getMotionStatus(int window);
-  virtual void setExposure(int exposure);
-  virtual void setWhiteBalance(int whiteBalance);
-  virtual void setNoiseReduction(int noiseReduction);
-  // Those that return a value: 0, or a negative number when the device refused the setting.
+  virtual int setExposure(int exposure);
+  virtual int setWhiteBalance(int whiteBalance);
+  virtual int setNoiseReduction(int noiseReduction);
   virtual int setSource(int source);
   virtual int setIpratio(int ipratio);  // published
-  virtual void setBacklight(int backlight);
-  virtual void setShutter(int shutter);
-  virtual void setFlip(int flip);
-  virtual void setMirror(int mirror);
+  virtual int setBacklight(int backlight);
+  virtual int setShutter(int shutter);
+  virtual int setFlip(int flip);
+  virtual int setMirror(int mirror);
   virtual int setFramerate(int framerate);      // published
   virtual void setResolution(int resolution);   // published
   virtual int setCompression(int compression);  // published
@@ -58,7 +59,7 @@ class TCamera {
   virtual void setBrightness(int brightness);
   virtual void setHue(int hue);
   virtual void setSaturation(int saturation);
-  virtual void setFlicker(int flicker);
+  virtual int setFlicker(int flicker);
   // Writes a text about the frames, of at most 47 characters, into `text`; `which`: 0 to 2.
   virtual void getUserdata(int which, char* text);
   // Returns the time of the last read.

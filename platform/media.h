@@ -5,3 +5,11 @@
 // picture. Returns the length written into `buffer`; 0 or less when the frame can't be converted or
 // `capacity` is too small. Any thread.
 long i2avi(const char* data, long length, char* buffer, long capacity);
+
+// Writes `length` bytes as lower-case hexadecimal digits, two each, and a terminating 0 into
+// `text`; as many whole bytes as fit into `capacity`. Returns the number of digits. Any thread.
+long bin2hex(const char* data, long length, char* text, long capacity);
+
+// Reads pairs of hexadecimal digits of either case into `data`, until the text ends, something else
+// comes or `capacity` bytes are full. Returns the number of bytes. Any thread.
+long hex2bin(const char* text, char* data, long capacity);

@@ -15,6 +15,12 @@ long write(int fd, const void* data, std::size_t size);
 long lseek(int fd, long offset, int whence);
 int ioctl(int fd, unsigned long request, void* argument);
 int close(int fd);
+int fcntl(int fd, int command, long argument);
+int getpid();
+
+// Calls `handler` whenever the process gets `signal`, on the main thread; calls that it interrupts
+// start over. Returns 0, or -1 when there is no such signal. Any thread.
+int onSignal(int signal, void (*handler)(int));
 
 // Pauses of the calling thread, on the monotonic clock: a step of the wall clock changes nothing.
 // A pause ends early, with a non-zero result, when the body of the calling PThread was asked to

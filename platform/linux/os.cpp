@@ -79,6 +79,18 @@ int ioctl(int fd, unsigned long request, void* argument) { return ::ioctl(fd, re
 
 int close(int fd) { return ::close(fd); }
 
+int fcntl(int fd, int command, long argument) { return ::fcntl(fd, command, argument); }
+
+int getpid() { return ::getpid(); }
+
+int onSignal(int signal, void (*handler)(int)) {
+  struct sigaction action {};
+  action.sa_handler = handler;
+  action.sa_flags = SA_RESTART;
+  sigemptyset(&action.sa_mask);
+  return sigaction(signal, &action, nullptr);
+}
+
 unsigned sleep(unsigned seconds) {
   const std::int64_t left = ThreadAccess::pause(seconds * kUsPerSecond);
   return static_cast<unsigned>((left + kUsPerSecond - 1) / kUsPerSecond);

@@ -3,10 +3,11 @@
 
 # What building everything needs, here and in the scripts that source this.
 # shellcheck disable=SC2034
-build_packages=(build-essential cmake ninja-build googletest libbenchmark-dev libinih-dev libcli11-dev
-  libasound2-dev)
+build_packages=(build-essential cmake ninja-build pkg-config googletest libbenchmark-dev libinih-dev libcli11-dev
+  libasound2-dev libavcodec-dev libavformat-dev libavdevice-dev libavutil-dev libswscale-dev
+  libcairo2-dev)
 # shellcheck disable=SC2034
-board_packages=(bubblewrap)  # what running a board needs
+board_packages=(bubblewrap fonts-dejavu-core)  # what running a board needs
 
 # missing_packages PACKAGE...: those that are not installed, one a line.
 missing_packages() {

@@ -54,6 +54,22 @@ int close(int fd) {
   return fake().files.close(fd);
 }
 
+int fcntl(int fd, int command, long argument) {
+  FakeScope scope;
+  fake().record("fcntl(" + std::to_string(fd) + "," + std::to_string(command) + "," +
+                std::to_string(argument) + ")");
+  return fake().failing("os::fcntl") ? -1 : 0;
+}
+
+int getpid() { return FakePlatform::kProcess; }
+
+int onSignal(int signal, void (*handler)(int)) {
+  FakeScope scope;
+  fake().record("onSignal(" + std::to_string(signal) + ")");
+  fake().handlers[signal] = handler;
+  return 0;
+}
+
 int system(const char* command) {
   FakeScope scope;
   return fake().command(command);

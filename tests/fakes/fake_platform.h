@@ -125,6 +125,8 @@ class FakePlatform {
   void postMessage(const TMessage& message);  // waits for PeekMessage()
   void postMessageOfType(int type);
   void onCommand(std::function<int(const std::string&)> callback);  // gives the status
+  static constexpr int kProcess = 4711;                             // what os::getpid() says
+  std::map<int, void (*)(int)> handlers;                            // of os::onSignal(), by signal
   void onIoctl(std::function<int(int fd, unsigned long request, void* argument)> callback);
 
   // --- For the platform functions.

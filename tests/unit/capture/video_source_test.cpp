@@ -299,20 +299,20 @@ class Witness : public TCamera {
   using Calls = std::vector<std::string>;
   Calls calls;
 
-  void setMotionDetection(int value) override { note("setMotionDetection", value); }
+  int setMotionDetection(int value) override { return note("setMotionDetection", value); }
   void setOverlay(int value) override { note("setOverlay", value); }
   void setTimestamp() override { calls.push_back("setTimestamp()"); }
   void setMode(int value) override { note("setMode", value); }
   void setPackage(int value) override { note("setPackage", value); }
-  void setExposure(int value) override { note("setExposure", value); }
-  void setWhiteBalance(int value) override { note("setWhiteBalance", value); }
-  void setNoiseReduction(int value) override { note("setNoiseReduction", value); }
+  int setExposure(int value) override { return note("setExposure", value); }
+  int setWhiteBalance(int value) override { return note("setWhiteBalance", value); }
+  int setNoiseReduction(int value) override { return note("setNoiseReduction", value); }
   int setSource(int value) override { return note("setSource", value); }
   int setIpratio(int value) override { return note("setIpratio", value); }
-  void setBacklight(int value) override { note("setBacklight", value); }
-  void setShutter(int value) override { note("setShutter", value); }
-  void setFlip(int value) override { note("setFlip", value); }
-  void setMirror(int value) override { note("setMirror", value); }
+  int setBacklight(int value) override { return note("setBacklight", value); }
+  int setShutter(int value) override { return note("setShutter", value); }
+  int setFlip(int value) override { return note("setFlip", value); }
+  int setMirror(int value) override { return note("setMirror", value); }
   int setFramerate(int value) override { return note("setFramerate", value); }
   void setResolution(int value) override { note("setResolution", value); }
   int setCompression(int value) override { return note("setCompression", value); }
@@ -320,7 +320,7 @@ class Witness : public TCamera {
   void setBrightness(int value) override { note("setBrightness", value); }
   void setHue(int value) override { note("setHue", value); }
   void setSaturation(int value) override { note("setSaturation", value); }
-  void setFlicker(int value) override { note("setFlicker", value); }
+  int setFlicker(int value) override { return note("setFlicker", value); }
   void getUserdata(int which, char* text) override {
     const std::string value = "text " + std::to_string(which);
     text[value.copy(text, kFrameTextSize - 1)] = '\0';
