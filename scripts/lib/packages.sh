@@ -3,7 +3,8 @@
 
 # What building everything needs, here and in the scripts that source this.
 # shellcheck disable=SC2034
-build_packages=(build-essential cmake ninja-build pkg-config googletest libbenchmark-dev libinih-dev libcli11-dev
+build_packages=(build-essential cmake ninja-build pkg-config googletest libbenchmark-dev libinih-dev
+  libcli11-dev
   libasound2-dev libavcodec-dev libavformat-dev libavdevice-dev libavutil-dev libswscale-dev
   libcairo2-dev)
 # shellcheck disable=SC2034
