@@ -1,0 +1,69 @@
+// Judges a stream frame by frame.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tests/board/stream_check/decoder.h"
+#include "tests/board/stream_check/frame_parser.h"
+
+// Takes the frames of one stream in their order. Bound to one thread.
+class StreamCheck {
+ public:
+  // `whole`: each frame is a whole picture with its header (stream "video2"), not chunks of a
+  // stream.
+  explicit StreamCheck(bool whole) : whole_(whole) {}
+
+  void take(const RawFrame& frame);
+  // Judges what is still gathered.
+  void finish();
+
+  // Pictures that were decoded, or should have been.
+  long pictures() const { return keys_ + predicted_ + jpegs_; }
+  bool good() const { return errorCount_ == 0 && pictures() > 0; }
+  // The newest picture as PNG. Returns false when there is none.
+  bool storeLast(const std::string& file) const;
+  // Everything that was seen, as a JSON object.
+  std::string json() const;
+
+ private:
+  struct Level {
+    long least = 0, most = 0, count = 0;
+  };
+
+  void fail(const RawFrame& frame, const std::string& what);
+  void takeWhole(const RawFrame& frame);
+  void takeChunk(const RawFrame& frame, const Chunk& chunk);
+  void forget();
+  void complete();
+  void noteTime(const PictureStart& start);
+  void judge(const AVFrame* picture, const std::string& error, const StreamHeader& header);
+  void noteTexts(const RawFrame& frame);
+
+  bool whole_;
+  std::uint32_t lastNumber_ = 0;
+
+  // The picture that is being gathered, 0: none, for it began before we came, or a gap was in it.
+  char type_ = 0;
+  std::string gathered_;
+  std::string header_;  // bytes of the frame in which it began
+  RawFrame began_;
+
+  std::unique_ptr<Decoder> decoder_;  // of the chain that began with the last key frame
+  StreamHeader chain_;
+  std::unique_ptr<AVFrame, void (*)(AVFrame*)> last_{nullptr,
+                                                     [](AVFrame* f) { av_frame_free(&f); }};
+
+  long frames_ = 0, chunks_ = 0, gaps_ = 0, keys_ = 0, predicted_ = 0, jpegs_ = 0, skipped_ = 0,
+       errorCount_ = 0;
+  long headerChanges_ = 0, largest_ = 0, sizeMismatches_ = 0;
+  std::string lastHeader_;
+  std::map<std::string, long> sizes_;
+  std::vector<std::string> order_;  // sizes as they came, without repetition
+  std::vector<std::string> errors_;
+  Level levels_[2];
+  long time_ = -1, shortest_ = -1, longest_ = -1;  // ms of the stream's own clock
+  long base_ = 0;
+};
