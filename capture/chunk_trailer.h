@@ -36,3 +36,6 @@ inline void storeTrailer(char* at, char type, char more, std::uint32_t length) {
   trailer->more = more;
   storeLe32(trailer->length, length);
 }
+
+// Says in the trailer at `at` that no further chunk follows in this frame.
+inline void markLastTrailer(char* at) { reinterpret_cast<TChunkTrailer*>(at)->more = kTrailerLast; }

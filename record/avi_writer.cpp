@@ -24,12 +24,16 @@ TAviWriter::~TAviWriter() = default;
 // known.
 void TAviWriter::reserve(long usable) {
   if (frame_ != nullptr || usable < 1) return;
-  frame_ = std::make_unique<char[]>(static_cast<std::size_t>(usable + kHeaderBytes));
+  // Not zeroed: pages that no key frame has needed yet cost nothing.
+  frame_.reset(new char[static_cast<std::size_t>(usable + kHeaderBytes)]);
   capacity_ = usable;
 }
 
 long TAviWriter::write(const char* data, long length, const TDateTime& time, char type) {
-  if (!getRef()) return 0;
+  if (!getRef()) {
+    if (type != 'p') cut();
+    return 0;
+  }
   switch (type) {
     case 'p':
       break;
@@ -40,7 +44,7 @@ long TAviWriter::write(const char* data, long length, const TDateTime& time, cha
     default:
       if (gathered_ > 0) flush();
       gathered_ = 0;
-      whole_ = true;
+      whole_ = type == 'I';
       if (type == 'I') {
         time_ = time;
         add(data, length);
@@ -54,10 +58,16 @@ long TAviWriter::write(const char* data, long length, const TDateTime& time, cha
 // it for a new picture.
 void TAviWriter::flush() {
   const long length = gathered_ + kHeaderBytes;
-  // A frame with a part missing is refused for its size, unless "video2" came up in the middle.
+  // What was too large for its place is refused for its size, with a message.
   if (!whole_ && length <= getFrameSize(sbVideo2())) return;
   if (frame_ != nullptr) std::memcpy(frame_.get(), header_, sizeof header_);
   TWriter::write(frame_.get(), length, time_, 'I');
+}
+
+void TAviWriter::setHeader(const char* bytes, bool ofGathered) {
+  if (std::memcmp(header_, bytes, sizeof header_) == 0) return;
+  std::memcpy(header_, bytes, sizeof header_);
+  if (!ofGathered) cut();
 }
 
 void TAviWriter::add(const char* data, long length) {

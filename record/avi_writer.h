@@ -17,7 +17,8 @@ class TAviWriter : public TWriter {
   ~TAviWriter() override;
 
   // Takes one chunk. `type`: 'I' starts a key frame, 'i' continues it, 'P' starts and 'p' continues
-  // a predicted frame. Returns the gathered length, 0 while no client is registered.
+  // a predicted frame. A key frame of which a chunk came while no client was registered is not
+  // published. Returns the gathered length, 0 while no client is registered.
   // Logs 1 "TAviWriter::write() IPE" when a continuation finds nothing to continue.
   long write(const char* data, long length, const TDateTime& time, char type) override;
 
@@ -26,9 +27,14 @@ class TAviWriter : public TWriter {
   // and logs 3 "TAviWriter::add() video2 buffer overflow p:%ld, c:%ld".
   void add(const char* data, long length);
 
-  // The kHeaderBytes bytes of MPEG-4 stream header that every frame begins with, to be filled by
-  // the camera whenever the header changes; zeros at first. Valid as long as the writer.
-  char* headerBlock() { return header_; }
+  // Takes the kHeaderBytes bytes of MPEG-4 stream header that every frame begins with; zeros at
+  // first. `ofGathered`: a key frame that is being gathered has this header. Otherwise, when the
+  // header differs from the one before, nobody can tell whose the key frame is, and it is dropped.
+  void setHeader(const char* bytes, bool ofGathered);
+
+  // The stream is not continuous here: a key frame that is being gathered may lack a part, and is
+  // dropped. The next 'I' begins a new one.
+  void cut() { whole_ = false; }
 
  private:
   void reserve(long usable);
@@ -38,7 +44,7 @@ class TAviWriter : public TWriter {
   std::unique_ptr<char[]> frame_;  // header block and gathered data; null until "video2" is there
   long capacity_ = 0;              // of the gathered data in `frame_`
   std::int32_t gathered_ = 0;      // bytes behind the header block, copied or not; saturates
-  bool whole_ = true;              // all of them were copied
+  bool whole_ = false;             // from the frame's first byte on, and all of them were copied
   TDateTime time_;                 // of the chunk that the gathered frame began with
 };
 

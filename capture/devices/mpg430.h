@@ -15,7 +15,8 @@ class TMpg430 : public TCamera {
 
   static Relaxed<bool> fHeadr;  // the stream header is to be fetched before it is used; any thread
   static Relaxed<bool> fImage;  // a colour value has changed and is to be sent before the next read
-  static char header[41];       // the last stream header in hexadecimal digits, terminated
+  static constexpr int kHeaderText = 41;
+  static char header[kHeaderText];  // the last stream header in hexadecimal digits, terminated
 
   // Opens "/dev/mpg430" and asks for SIGIO when the TV standard changes. `start`: also starts it.
   explicit TMpg430(bool start);
@@ -50,10 +51,19 @@ class TMpg430 : public TCamera {
  protected:
   // Starts (1) or stops (0) the encoder; the stream header is fetched anew in either case.
   void enableStream(int on);
-  // Fetches the stream header if it may have changed. Logs 3 "TMpg430::getStreamHeader() IPE",
-  // 3 "unexpected mp4 header size".
+  // Fetches the stream header if it may have changed, for getUserdata() and for the AVI writer.
+  // Logs 3 "TMpg430::getStreamHeader() IPE", 3 "unexpected mp4 header size".
   void getStreamHeader();
+
+  static char lastType;  // frame type of the last chunk read
 
  private:
   static void onTVModeChanged(int signal);
+  int request(unsigned request, void* argument, const char* name);
+  int readChunk(char* chunk, long length);
+  void passOn(const char* chunk, long length, bool raised);
+
+  // The key frame that the AVI writer gathers was begun while the header was to be fetched, so it
+  // has the header that is fetched next.
+  bool keyIsNew_ = false;
 };

@@ -93,10 +93,10 @@ TEST_F(AviWriter, FailedReadAddsNothing) {
 }
 
 TEST_F(AviWriter, FrameBeginsWithTheStreamHeader) {
-  std::memset(writer.headerBlock(), 'h', static_cast<std::size_t>(TAviWriter::kHeaderBytes));
+  writer.setHeader(header('h').data(), true);
   put('I', "abc");
   put('I', "de");
-  std::memset(writer.headerBlock(), 'H', static_cast<std::size_t>(TAviWriter::kHeaderBytes));
+  writer.setHeader(header('H').data(), true);
   put('P', "");
   EXPECT_THAT(payloads(), ElementsAre(header('h') + "abc", header('H') + "de"));
 }
@@ -117,12 +117,74 @@ TEST_F(AviWriter, WhatAClientLeftGatheredShowsItsAge) {
   put('I', "abc");
   writer.delRef(&client);
   fake.advance(3600);
-  put('I', "unseen");
   writer.addRef(&client);
   put('i', "de");
   put('P', "");
   EXPECT_THAT(payloads(), ElementsAre(header() + "abcde"));
   EXPECT_EQ(before, fake.video2.last().time);
+}
+
+TEST_F(AviWriter, KeyFrameWhoseBeginningNobodySawIsNotPublished) {
+  EXPECT_EQ(2, put('i', "bc"));
+  EXPECT_EQ(0, put('P', ""));
+  put('I', "def");
+  put('P', "");
+  EXPECT_THAT(payloads(), ElementsAre(header() + "def"));
+  put('i', "without its beginning");
+  put('I', "ghi");
+  put('P', "");
+  EXPECT_THAT(payloads(), ElementsAre(header() + "def", header() + "ghi"));
+}
+
+TEST_F(AviWriter, KeyFrameOfWhichAChunkPassedByIsNotPublished) {
+  for (const char passed : {'i', 'I', 'P'}) {
+    put('I', "abc");
+    writer.delRef(&client);
+    put(passed, "unseen");
+    writer.addRef(&client);
+    put('i', "de");
+    put('P', "");
+    EXPECT_THAT(payloads(), IsEmpty()) << passed;
+  }
+  put('I', "next");
+  put('P', "");
+  EXPECT_THAT(payloads(), ElementsAre(header() + "next"));
+}
+
+TEST_F(AviWriter, KeyFrameIsWholeWhenOnlyPredictedPiecesPassedBy) {
+  put('I', "abc");
+  writer.delRef(&client);
+  put('p', "unseen");
+  writer.addRef(&client);
+  put('P', "");
+  EXPECT_THAT(payloads(), ElementsAre(header() + "abc"));
+}
+
+TEST_F(AviWriter, KeyFrameThatWasCutIsNotPublished) {
+  put('I', "abc");
+  writer.cut();
+  EXPECT_EQ(5, put('i', "de"));
+  put('I', "next");
+  put('P', "");
+  EXPECT_THAT(payloads(), ElementsAre(header() + "next"));
+}
+
+TEST_F(AviWriter, KeyFrameOfAnotherHeaderIsNotPublished) {
+  writer.setHeader(header('h').data(), false);
+  put('I', "abc");
+  writer.setHeader(header('H').data(), false);
+  put('i', "de");
+  put('I', "next");
+  put('P', "");
+  EXPECT_THAT(payloads(), ElementsAre(header('H') + "next"));
+}
+
+TEST_F(AviWriter, SameHeaderAgainLeavesTheKeyFrame) {
+  writer.setHeader(header('h').data(), false);
+  put('I', "abc");
+  writer.setHeader(header('h').data(), false);
+  put('P', "");
+  EXPECT_THAT(payloads(), ElementsAre(header('h') + "abc"));
 }
 
 TEST_F(AviWriter, LargestKeyFrameLeavesRoomForTheHeader) {
@@ -170,7 +232,7 @@ TEST_F(AviWriter, BufferMayComeUpLater) {
   fake.video2.detach();
   TAviWriter early;
   early.addRef(&client);
-  std::memset(early.headerBlock(), 'h', static_cast<std::size_t>(TAviWriter::kHeaderBytes));
+  early.setHeader(header('h').data(), true);
   early.write("abc", 3, now(), 'I');
   early.write("", 0, now(), 'P');
   EXPECT_THAT(fake.callsWith("log "),
