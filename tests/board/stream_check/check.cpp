@@ -8,6 +8,9 @@ namespace {
 
 constexpr std::size_t kErrorsKept = 10;
 constexpr std::size_t kHeaderBytes = 20;
+constexpr char kKey = 'I';
+constexpr char kPredicted = 'P';
+constexpr char kJpeg = 'J';
 
 std::string sizeText(int width, int height) {
   return std::to_string(width) + "x" + std::to_string(height);
@@ -76,52 +79,75 @@ void StreamCheck::takeChunk(const RawFrame& frame, const Chunk& chunk) {
     gathered_.append(reinterpret_cast<const char*>(chunk.data), chunk.size);
     return;
   }
-  complete();
-  if (chunk.type == 'P' && decoder_ == nullptr) return;
+  const bool predicted = chunk.type == kPredicted;
+  complete(!predicted);
+  if (predicted && decoder_ == nullptr) {
+    if (!excused_) fail(frame, "a predicted picture without a key frame");
+    excused_ = true;
+    return;
+  }
   type_ = chunk.type;
   header_ = fromHex(frame.text(0));
   began_ = frame;
   gathered_.assign(reinterpret_cast<const char*>(chunk.data), chunk.size);
-  if (type_ == 'J') complete();
+  if (type_ == kJpeg) complete(false);
 }
 
 void StreamCheck::forget() {
   type_ = 0;
   gathered_.clear();
   decoder_.reset();
+  excused_ = true;
   time_ = -1;
 }
 
-void StreamCheck::complete() {
+void StreamCheck::complete(bool mayBeCut) {
   if (type_ == 0) return;
-  const char type = type_;
-  type_ = 0;
   StreamHeader header;
-  if (!parseHeader(header_, &header)) return fail(began_, "no stream header");
-  std::string error;
-  if (type == 'J') {
+  if (!parseHeader(header_, &header))
+    fail(began_, "no stream header");
+  else if (type_ != kJpeg) {
+    if (!decode(header, mayBeCut)) {
+      decoder_.reset();  // until the next key frame, so that one fault counts once
+      excused_ = true;
+    }
+  } else {
     ++jpegs_;
-    Decoder jpeg("");
     decoder_.reset();
+    excused_ = false;  // what follows is to begin with a key frame
     time_ = -1;
-    return judge(jpeg.decode(gathered_, &error), error, header);
+    std::string error;
+    Decoder jpeg("");
+    judge(jpeg.decode(gathered_, &error), error, header);
   }
-  ++(type == 'I' ? keys_ : predicted_);
-  if (type == 'I') {
+  type_ = 0;
+}
+
+bool StreamCheck::decode(const StreamHeader& header, bool mayBeCut) {
+  ++(type_ == kKey ? keys_ : predicted_);
+  if (type_ == kKey) {
     decoder_ = std::make_unique<Decoder>(header_);
     chain_ = header;
+    excused_ = false;
   }
   PictureStart start{};
   if (!parsePictureStart(reinterpret_cast<const unsigned char*>(gathered_.data()), gathered_.size(),
-                         chain_.ticks, &start))
-    return fail(began_, "a header without a clock, or a picture without a time");
-  noteTime(start);
-  const AVFrame* picture = decoder_->decode(gathered_, &error);
-  if (picture == nullptr && error.empty() && !start.coded) {
-    ++skipped_;
-    return;
+                         chain_.ticks, &start)) {
+    fail(began_, "a header without a clock, or a picture without a time");
+    return false;
   }
-  judge(picture, error.empty() && picture == nullptr ? "no picture" : error, chain_);
+  noteTime(start);
+  std::string error;
+  const AVFrame* picture = decoder_->decode(gathered_, &error);
+  if (picture == nullptr && mayBeCut) {
+    ++cut_;
+    return false;
+  }
+  if (picture == nullptr && error.empty() && !start.coded) {
+    ++unchanged_;
+    return true;
+  }
+  return judge(picture, error, chain_);
 }
 
 // The stream's own clock must go on from picture to picture. It begins anew with a new encoder.
@@ -137,12 +163,12 @@ void StreamCheck::noteTime(const PictureStart& start) {
   time_ = now;
 }
 
-void StreamCheck::judge(const AVFrame* picture, const std::string& error,
+bool StreamCheck::judge(const AVFrame* picture, const std::string& error,
                         const StreamHeader& header) {
   if (picture == nullptr) {
-    fail(began_, (gathered_.empty() ? "" : std::to_string(gathered_.size()) + " bytes: ") + error);
-    decoder_.reset();  // until the next key frame, so that one fault counts once
-    return;
+    fail(began_,
+         std::to_string(gathered_.size()) + " bytes: " + (error.empty() ? "no picture" : error));
+    return false;
   }
   const std::string size = sizeText(picture->width, picture->height);
   ++sizes_[size];
@@ -155,6 +181,7 @@ void StreamCheck::judge(const AVFrame* picture, const std::string& error,
       fail(began_, size + " under the header of " + sizeText(header.width, header.height));
   }
   last_.reset(av_frame_clone(picture));
+  return true;
 }
 
 void StreamCheck::takeWhole(const RawFrame& frame) {
@@ -166,7 +193,8 @@ void StreamCheck::takeWhole(const RawFrame& frame) {
   if (data.compare(0, 2, "\xff\xd8") == 0) {
     ++jpegs_;
     Decoder jpeg("");
-    return judge(jpeg.decode(data, &error), error, {});
+    judge(jpeg.decode(data, &error), error, {});
+    return;
   }
   ++keys_;
   StreamHeader header;
@@ -179,7 +207,7 @@ void StreamCheck::takeWhole(const RawFrame& frame) {
   if (!parsePictureStart(begin, gathered_.size(), header.ticks, &start) || !start.key)
     return fail(frame, "no key frame behind the header");
   Decoder alone(header_);
-  judge(alone.decode(gathered_, &error), error.empty() ? "no picture" : error, header);
+  judge(alone.decode(gathered_, &error), error, header);
 }
 
 // The last picture may go on in a frame that nobody waits for.
@@ -193,8 +221,8 @@ std::string StreamCheck::json() const {
   std::ostringstream out;
   out << "{\"frames\":" << frames_ << ",\"chunks\":" << chunks_ << ",\"largestChunk\":" << largest_
       << ",\"gaps\":" << gaps_ << ",\"key\":" << keys_ << ",\"predicted\":" << predicted_
-      << ",\"jpeg\":" << jpegs_ << ",\"unchanged\":" << skipped_ << ",\"errors\":" << errorCount_
-      << ",\"complaints\":[";
+      << ",\"jpeg\":" << jpegs_ << ",\"unchanged\":" << unchanged_ << ",\"cut\":" << cut_
+      << ",\"errors\":" << errorCount_ << ",\"complaints\":[";
   for (std::size_t i = 0; i < errors_.size(); ++i) out << (i > 0 ? "," : "") << quoted(errors_[i]);
   out << "],\"sizes\":{";
   const char* comma = "";

@@ -23,6 +23,7 @@ class StreamCheck {
   // Pictures that were decoded, or should have been.
   long pictures() const { return keys_ + predicted_ + jpegs_; }
   bool good() const { return errorCount_ == 0 && pictures() > 0; }
+  long errors() const { return errorCount_; }
   // The newest picture as PNG. Returns false when there is none.
   bool storeLast(const std::string& file) const;
   // Everything that was seen, as a JSON object.
@@ -37,9 +38,13 @@ class StreamCheck {
   void takeWhole(const RawFrame& frame);
   void takeChunk(const RawFrame& frame, const Chunk& chunk);
   void forget();
-  void complete();
+  // Judges the gathered picture. `mayBeCut`: the stream changed behind it, which may have taken its
+  // end away.
+  void complete(bool mayBeCut);
+  bool decode(const StreamHeader& header, bool mayBeCut);
   void noteTime(const PictureStart& start);
-  void judge(const AVFrame* picture, const std::string& error, const StreamHeader& header);
+  // Returns true iff the picture decoded.
+  bool judge(const AVFrame* picture, const std::string& error, const StreamHeader& header);
   void noteTexts(const RawFrame& frame);
 
   bool whole_;
@@ -53,11 +58,12 @@ class StreamCheck {
 
   std::unique_ptr<Decoder> decoder_;  // of the chain that began with the last key frame
   StreamHeader chain_;
+  bool excused_ = true;  // predicted pictures without a key frame are to be expected
   std::unique_ptr<AVFrame, void (*)(AVFrame*)> last_{nullptr,
                                                      [](AVFrame* f) { av_frame_free(&f); }};
 
-  long frames_ = 0, chunks_ = 0, gaps_ = 0, keys_ = 0, predicted_ = 0, jpegs_ = 0, skipped_ = 0,
-       errorCount_ = 0;
+  long frames_ = 0, chunks_ = 0, gaps_ = 0, keys_ = 0, predicted_ = 0, jpegs_ = 0;
+  long unchanged_ = 0, cut_ = 0, errorCount_ = 0;
   long headerChanges_ = 0, largest_ = 0, sizeMismatches_ = 0;
   std::string lastHeader_;
   std::map<std::string, long> sizes_;

@@ -12,6 +12,7 @@
 #include "platform/stream_buffer.h"
 #include "platform/timer.h"
 #include "tests/board/stream_check/check.h"
+#include "tests/board/stream_check/shaker.h"
 
 namespace {
 
@@ -21,19 +22,26 @@ constexpr char kUsage[] =
     "  --for SECONDS     how long at most; by default 10. SIGTERM ends it too.\n"
     "  --pictures N      or until so many pictures\n"
     "  --last FILE       store the newest picture as PNG\n"
+    "  --shake N         change settings N times meanwhile, at random, one to three with each "
+    "frame\n"
+    "  --shake-modes N   the same with the streaming mode among them\n"
+    "  --seed N          other changes than with the usual one\n"
     "Prints a JSON object. Ends with 0 when there were pictures and not one error, else with 1.\n";
 
 volatile std::sig_atomic_t ended = 0;
 
 struct Options {
   std::string board, stream = "video", last;
-  long seconds = 10, pictures = 0;
+  long seconds = 10, pictures = 0, shake = 0;
+  bool modes = false;
+  unsigned seed = 1;
 };
 
 bool parse(int argc, char** argv, Options* options) {
   for (int i = 1; i + 1 < argc; i += 2) {
     const std::string name = argv[i];
     const char* value = argv[i + 1];
+    const long number = std::atol(value);
     if (name == "--board")
       options->board = value;
     else if (name == "--stream")
@@ -41,9 +49,13 @@ bool parse(int argc, char** argv, Options* options) {
     else if (name == "--last")
       options->last = value;
     else if (name == "--for")
-      options->seconds = std::atol(value);
+      options->seconds = number;
     else if (name == "--pictures")
-      options->pictures = std::atol(value);
+      options->pictures = number;
+    else if (name == "--shake" || name == "--shake-modes")
+      options->shake = number, options->modes = name != "--shake";
+    else if (name == "--seed")
+      options->seed = static_cast<unsigned>(number);
     else
       return false;
   }
@@ -75,18 +87,25 @@ int main(int argc, char** argv) {
   setPlatformRoot(options.board);
   const bool second = options.stream == "video2";
   StreamCheck check(second);
+  Shaker shaker(options.shake, options.seed, options.modes);
   const std::uint32_t begun = monotonicMs();
   RawFrame frame;
   while (ended == 0 && monotonicMs() - begun < static_cast<std::uint32_t>(1000 * options.seconds) &&
-         (options.pictures == 0 || check.pictures() < options.pictures)) {
+         (options.pictures == 0 || check.pictures() < options.pictures || shaker.left() > 0)) {
     if ((second ? sbVideo2() : sbVideo()) == nullptr) {
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
       continue;
     }
-    if (nextFrame(second, &frame)) check.take(frame);
+    if (!nextFrame(second, &frame)) continue;
+    check.take(frame);
+    shaker.step();
   }
   check.finish();
   std::puts(check.json().c_str());
+  if (shaker.left() > 0) {
+    std::fprintf(stderr, "stream_check: %ld changes were left\n", shaker.left());
+    return 1;
+  }
   if (!options.last.empty() && !check.storeLast(options.last)) {
     std::fprintf(stderr, "stream_check: no picture for %s\n", options.last.c_str());
     return 1;
