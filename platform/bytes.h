@@ -3,6 +3,19 @@
 
 #include <cstdint>
 
+// Reads the 16-bit little-endian integer at `bytes`, which need not be aligned.
+inline std::uint16_t loadLe16(const void* bytes) {
+  const auto* b = static_cast<const unsigned char*>(bytes);
+  return static_cast<std::uint16_t>(b[0] | b[1] << 8);
+}
+
+// Writes `value` at `bytes`, which need not be aligned, as a 16-bit little-endian integer.
+inline void storeLe16(void* bytes, std::uint16_t value) {
+  auto* b = static_cast<unsigned char*>(bytes);
+  b[0] = static_cast<unsigned char>(value);
+  b[1] = static_cast<unsigned char>(value >> 8);
+}
+
 // Reads the 32-bit little-endian integer at `bytes`, which need not be aligned.
 inline std::uint32_t loadLe32(const void* bytes) {
   const auto* b = static_cast<const unsigned char*>(bytes);
