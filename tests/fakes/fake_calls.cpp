@@ -31,7 +31,7 @@ int open(const char* path, int flags) {
 
 long read(int fd, void* buffer, std::size_t size) {
   FakeScope scope;
-  return fake().failing("os::read") ? -1 : fake().files.read(fd, buffer, size);
+  return fake().read(fd, buffer, size);
 }
 
 long write(int fd, const void* data, std::size_t size) {
@@ -58,7 +58,8 @@ int fcntl(int fd, int command, long argument) {
   FakeScope scope;
   fake().record("fcntl(" + std::to_string(fd) + "," + std::to_string(command) + "," +
                 std::to_string(argument) + ")");
-  return fake().failing("os::fcntl") ? -1 : 0;
+  if (fake().failing("os::fcntl")) return -1;
+  return command == F_GETFL ? fake().fileFlags.load() : 0;
 }
 
 int getpid() { return FakePlatform::kProcess; }

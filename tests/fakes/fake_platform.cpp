@@ -211,6 +211,22 @@ int FakePlatform::ioctl(int fd, unsigned long request, void* argument) {
   return -1;
 }
 
+void FakePlatform::onRead(std::function<long(int, char*, std::size_t)> callback) {
+  std::lock_guard<std::mutex> guard(lock_);
+  onRead_ = std::make_shared<const std::function<long(int, char*, std::size_t)>>(callback);
+}
+
+long FakePlatform::read(int fd, void* buffer, std::size_t size) {
+  if (failing("os::read")) return -1;
+  std::shared_ptr<const std::function<long(int, char*, std::size_t)>> callback;
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    callback = onRead_;
+  }
+  return callback ? (*callback)(fd, static_cast<char*>(buffer), size)
+                  : files.read(fd, buffer, size);
+}
+
 void FakePlatform::threadStuck(const std::string& name) {
   std::lock_guard<std::mutex> guard(lock_);
   stuck_.push_back(name);

@@ -128,6 +128,9 @@ class FakePlatform {
   static constexpr int kProcess = 4711;                             // what os::getpid() says
   std::map<int, void (*)(int)> handlers;                            // of os::onSignal(), by signal
   void onIoctl(std::function<int(int fd, unsigned long request, void* argument)> callback);
+  // Reads of every descriptor, once there is one; otherwise they are those of the files.
+  void onRead(std::function<long(int fd, char* buffer, std::size_t size)> callback);
+  std::atomic<int> fileFlags{0};  // what os::fcntl(F_GETFL) says
 
   // --- For the platform functions.
   void record(const std::string& call);
@@ -137,6 +140,7 @@ class FakePlatform {
   bool takeMessage(TMessage* message);
   int command(const std::string& command);
   int ioctl(int fd, unsigned long request, void* argument);
+  long read(int fd, void* buffer, std::size_t size);
 
  private:
   friend class FakeThreads;
@@ -179,6 +183,7 @@ class FakePlatform {
   std::vector<std::string> stuck_;
   std::function<int(const std::string&)> onCommand_;
   std::function<int(int, unsigned long, void*)> onIoctl_;
+  std::shared_ptr<const std::function<long(int, char*, std::size_t)>> onRead_;
 };
 
 // Marks what the fake itself does on this thread, so that its allocations are not the daemon's.

@@ -13,8 +13,13 @@ class Camera : public testing::Test {
  protected:
   class Device : public TCamera {
    public:
+    using TCamera::brightness_;
+    using TCamera::contrast_;
+    using TCamera::hue_;
     using TCamera::interval_;
     using TCamera::package_;
+    using TCamera::resolution_;
+    using TCamera::saturation_;
     using TCamera::TCamera;
   };
 
@@ -56,6 +61,15 @@ TEST_F(Camera, StartsInTheDefaultModeWithoutPacing) {
   now.set();
   EXPECT_EQ(*device.getTime(), now);
   EXPECT_TRUE(fake.callsWith("sbSetUserdata").empty());
+}
+
+TEST_F(Camera, HasNoResolutionAndMiddleColoursUntilTheyAreSet) {
+  Device device("/dev/camera");
+  EXPECT_EQ(device.resolution_, -1);
+  EXPECT_EQ(device.contrast_, 127);
+  EXPECT_EQ(device.brightness_, 127);
+  EXPECT_EQ(device.hue_, 127);
+  EXPECT_EQ(device.saturation_, 127);
 }
 
 TEST_F(Camera, ClosesItsDevice) {

@@ -167,4 +167,32 @@ TEST(FakePlatform, SlashesAreSetAsTheBitsSay) {
   EXPECT_EQ(fake.logged("unsafe path refused: a/../b"), 1);
 }
 
+TEST(FakePlatform, ReadsComeFromTheTestOnceItGivesThem) {
+  FakePlatform fake;
+  fake.files.put("/dev/camera", "file");
+  const int fd = os::open("/dev/camera", O_RDONLY);
+  char bytes[8] = {};
+  EXPECT_EQ(os::read(fd, bytes, sizeof bytes), 4);
+  fake.onRead([&](int which, char* buffer, std::size_t size) {
+    EXPECT_EQ(which, fd);
+    EXPECT_EQ(size, sizeof bytes);
+    buffer[0] = 'x';
+    return 1L;
+  });
+  EXPECT_EQ(os::read(fd, bytes, sizeof bytes), 1);
+  EXPECT_EQ(bytes[0], 'x');
+  fake.fails("os::read", 1);
+  EXPECT_EQ(os::read(fd, bytes, sizeof bytes), -1);
+  EXPECT_EQ(os::read(fd, bytes, sizeof bytes), 1);
+}
+
+TEST(FakePlatform, DescriptorsHaveTheFlagsThatTheTestSays) {
+  FakePlatform fake;
+  fake.fileFlags = O_NONBLOCK;
+  EXPECT_EQ(os::fcntl(3, F_GETFL, 0), O_NONBLOCK);
+  EXPECT_EQ(os::fcntl(3, F_SETFL, 0), 0);
+  fake.fails("os::fcntl");
+  EXPECT_EQ(os::fcntl(3, F_GETFL, 0), -1);
+}
+
 }  // namespace
