@@ -2,8 +2,10 @@
 #pragma once
 
 // Makes an AVI file of one MPEG-4 key frame, `data` being the 20-byte stream header and the
-// picture. Returns the length written into `buffer`; 0 or less when the frame can't be converted or
-// `capacity` is too small. Any thread.
+// picture; it shows for a second. Returns the length written into `buffer`; -1, with nothing
+// written, when there is no stream header that tells a picture of 1 to 2048 pixels each side, when
+// nothing follows it, and when `capacity` is too small. Any bytes and lengths will do. The buffers
+// must not overlap. Any thread.
 long i2avi(const char* data, long length, char* buffer, long capacity);
 
 // Writes `length` bytes as lower-case hexadecimal digits, two each, and a terminating 0 into

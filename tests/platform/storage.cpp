@@ -15,7 +15,6 @@
 #include <filesystem>
 
 #include "platform/linux/mounts.h"
-#include "platform/media.h"
 #include "platform/os.h"
 #include "tests/platform/support.h"
 
@@ -192,11 +191,6 @@ TEST_F(Storage, TheUsedShareCountsAsDfDoes) {
   EXPECT_NEAR(get_free_space_percent("/usb"), share, 1.5);
   EXPECT_EQ(get_free_space_percent("/none"), 100);
   EXPECT_EQ(get_free_space_percent("/mountinfo"), 100);
-}
-
-TEST_F(Storage, APictureIsNotMadeIntoAnAviFileYet) {
-  char buffer[16];
-  EXPECT_LE(i2avi("x", 1, buffer, sizeof buffer), 0);
 }
 
 // Gets a list of mounts of its own: as the superuser at once, otherwise as one in a user namespace.
