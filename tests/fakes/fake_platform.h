@@ -30,6 +30,7 @@
 #include "platform/thread.h"
 #include "tests/fakes/fake_clock.h"
 #include "tests/fakes/fake_files.h"
+#include "tests/fakes/fake_overlays.h"
 #include "tests/fakes/fake_stream.h"
 
 // Everything a test scripts and asks. The newest object is the platform of the process; a test, or
@@ -118,6 +119,7 @@ class FakePlatform {
   FakeIni ini;
   void config(const std::string& key, const std::string& value);  // "flip": get_flip()
   void config(const std::string& key, int value) { config(key, std::to_string(value)); }
+  FakeOverlays overlays;
   std::atomic<int> triggerIn{0};
   std::atomic<int> triggerOut{0};
   std::atomic<int> triggerOut2{0};
