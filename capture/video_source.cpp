@@ -5,6 +5,7 @@
 
 #include "capture/camera.h"
 #include "capture/devices/file_source.h"
+#include "capture/devices/mpg430.h"
 #include "capture/frame_record.h"
 #include "capture/video_args.h"
 #include "core/status_slots.h"
@@ -37,6 +38,8 @@ std::unique_ptr<TCamera> openCamera(const TVideoArgs& args) {
     logEx(3, "KTX-310 must use CompressionType 0");
   else if (brm520 && type >= kBRM520Types)
     logEx(3, "BRM-520 must use CompressionType 0 or 1");
+  else if (ktx310)
+    return std::make_unique<TMpg430>(true);
   else
     logEx(3, "no driver for %s in this version", args.source);
   return nullptr;

@@ -137,7 +137,12 @@ int TMpg430::setImage() {
 }
 
 void TMpg430::getStreamHeader() {
-  if (!fHeadr) return;
+  if (fHeadr) fetchHeader(false);
+}
+
+// `ofGathered`: the key frame that the AVI writer gathers was begun while the header was to be
+// fetched.
+void TMpg430::fetchHeader(bool ofGathered) {
   if (resolution_ < 0 || resolution_ >= kResolutions) logEx(3, "TMpg430::getStreamHeader() IPE");
   // Lowered before the driver is asked: a change while it answers raises the flag again.
   fHeadr = false;
@@ -145,8 +150,8 @@ void TMpg430::getStreamHeader() {
   if (request(kMpg430GetImgheader, bytes, "MPG430_GET_IMGHEADER") != kMpg430HeaderBytes)
     logEx(3, "unexpected mp4 header size");
   bin2hex(bytes, kMpg430HeaderBytes, header, sizeof header);
-  aviWriter()->setHeader(bytes, keyIsNew_);
-  keyIsNew_ = false;
+  aviWriter()->setHeader(bytes, ofGathered);
+  if (ofGathered && fHeadr) aviWriter()->cut();  // this may be the header of the next key frame
 }
 
 void TMpg430::getUserdata(int which, char* text) {
@@ -207,19 +212,15 @@ int TMpg430::readChunk(char* chunk, long length) {
 
 // Hands the chunk to the AVI writer in mode 0. `raised`: fHeadr was set before it was read.
 //
-// A key frame that was begun after the flag was raised has the header that is still to be fetched.
-// So that header is due at the latest when the next picture completes the key frame.
+// A key frame that comes while the flag is up belongs to the header that is still to be fetched; if
+// the flag went up during the read, to that one or to the last. The next picture publishes the key
+// frame, which may be in this same frame, so that its header is due now.
 void TMpg430::passOn(const char* chunk, long length, bool raised) {
   TAviWriter* const writer = aviWriter();
   if (getMode() != 0) {
     if (lastType != kTypePredictedMore) writer->cut();
     return;
   }
-  const bool begins = lastType == kTypeKey || lastType == kTypePredicted;
-  if (begins && keyIsNew_ && writer->getRef()) {
-    getStreamHeader();
-    raised = false;  // whatever is raised from now on comes behind this chunk
-  }
   writer->write(chunk, length, *getTime(), lastType);
-  if (begins) keyIsNew_ = lastType == kTypeKey && raised;
+  if (lastType == kTypeKey && fHeadr && writer->getRef()) fetchHeader(raised);
 }

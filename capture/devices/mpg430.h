@@ -62,8 +62,5 @@ class TMpg430 : public TCamera {
   int request(unsigned request, void* argument, const char* name);
   int readChunk(char* chunk, long length);
   void passOn(const char* chunk, long length, bool raised);
-
-  // The key frame that the AVI writer gathers was begun while the header was to be fetched, so it
-  // has the header that is fetched next.
-  bool keyIsNew_ = false;
+  void fetchHeader(bool ofGathered);
 };

@@ -71,7 +71,7 @@ TEST_F(VideoSource, AModelWithAWrongCompressionTypeHasNoCamera) {
 }
 
 TEST_F(VideoSource, AModelWithoutADriverHasNoCamera) {
-  for (const char* model : {"KTX-310", "BRM-520"}) {
+  for (const char* model : {"BRM-520"}) {
     fake.takeCalls();
     args.source = model;
     args.compressionType = 0;
