@@ -4,9 +4,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
-#include <string>
 
 bool UnixAddress::set(const char* path) {
   clear();
@@ -21,7 +21,15 @@ bool UnixAddress::set(const char* path) {
     errno = ENAMETOOLONG;
     return false;
   }
-  folder = open(std::string(path, slash).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+  char parent[PATH_MAX];
+  const auto parentLength = static_cast<std::size_t>(slash - path);
+  if (parentLength >= sizeof parent) {
+    errno = ENAMETOOLONG;
+    return false;
+  }
+  std::memcpy(parent, path, parentLength);
+  parent[parentLength] = '\0';
+  folder = open(parent, O_PATH | O_DIRECTORY | O_CLOEXEC);
   if (folder < 0) return false;
   const int length =
       std::snprintf(address.sun_path, sizeof address.sun_path, "/proc/self/fd/%d%s", folder, slash);

@@ -6,8 +6,8 @@
 
 // The address of one socket file. A kernel takes 107 characters; a longer path is reached through
 // a descriptor of its folder. Owns that descriptor until clear(); no destructor, so that one may
-// live in static storage and serve to the last instruction of the process.
-// Not synchronised.
+// live in static storage and serve to the last instruction of the process. Needs the C library
+// alone. Not synchronised.
 struct UnixAddress {
   // Sets the address to `path`. Returns true on success, otherwise `errno` says why not.
   bool set(const char* path);
