@@ -7,7 +7,10 @@ extern "C" {
 #include <memory>
 
 struct CodecDeleter {
-  void operator()(AVCodecContext* codec) const { avcodec_free_context(&codec); }
+  void operator()(AVCodecContext* codec) const {
+    av_freep(&codec->chroma_intra_matrix);  // the only table of the user's that libav forgets
+    avcodec_free_context(&codec);
+  }
 };
 using Codec = std::unique_ptr<AVCodecContext, CodecDeleter>;
 
