@@ -29,17 +29,16 @@
 class Mpg430Fixture : public testing::Test {
  protected:
   static constexpr long kSize = 4000;  // largest payload of a frame
-  static constexpr int kFd = 100;      // the encoder's
 
   Mpg430Fixture() {
     fake.files.put("/dev/mpg430", "");
     fake.video.setFrameSize(kSize + static_cast<long>(kFrameHeadBytes));
     fake.onIoctl([this](int fd, unsigned long number, void* argument) {
-      EXPECT_EQ(fd, kFd);
+      EXPECT_EQ(fd, encoderFd);
       return answer(number, argument);
     });
     fake.onRead([this](int fd, char* buffer, std::size_t size) {
-      EXPECT_EQ(fd, kFd);
+      EXPECT_EQ(fd, encoderFd);
       return give(buffer, size);
     });
     forgetAll();
@@ -64,6 +63,7 @@ class Mpg430Fixture : public testing::Test {
   };
 
   // --- The driver.
+  int encoderFd = 100;  // the first one of the fake
   struct Chunk {
     // `takes`: seconds of the read. `happens`: meanwhile.
     Chunk(std::string bytes, double takes = 0, std::function<void()> happens = nullptr)
