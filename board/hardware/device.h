@@ -21,4 +21,7 @@ class Device {
   // Blocks until there is something, at most as long as the chip's own clock says, and puts at most
   // `limit` bytes into `data`. Returns their number or a negated errno.
   virtual int read(std::size_t limit, std::vector<char>* data) = 0;
+
+  // The last of its opened nodes was closed.
+  virtual void closed() {}
 };

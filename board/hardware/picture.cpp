@@ -38,6 +38,8 @@ Picture makePicture(int width, int height) {
   return picture;
 }
 
+void copyPicture(const AVFrame& from, AVFrame* to) { av_frame_copy(to, &from); }
+
 void scalePicture(const AVFrame& from, AVFrame* to) {
   thread_local std::unique_ptr<SwsContext, ScalerDeleter> scaler;
   scaler.reset(sws_getCachedContext(

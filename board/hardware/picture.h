@@ -18,5 +18,7 @@ constexpr int kSceneHeight = 480;
 
 // Makes a black picture; even sizes. Never null: ends the program when memory is out.
 Picture makePicture(int width, int height);
+// Copies the pixels of a picture of the same size.
+void copyPicture(const AVFrame& from, AVFrame* to);
 // Scales `from` into all of `to`. Any thread, each with its own pictures.
 void scalePicture(const AVFrame& from, AVFrame* to);
