@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <string>
 
+#include "platform/camera_config.h"
 #include "platform/motion.h"
 #include "platform/overlay.h"
 #include "tests/platform/support.h"
@@ -20,6 +21,7 @@ class PictureExtras : public testing::Test {
   LogReader log_{root_};
 };
 using MotionWindow = PictureExtras;
+using BoardsConfiguration = PictureExtras;
 
 // The getters of the overlays are alike but for their section.
 struct OverlayGetter {
@@ -169,6 +171,33 @@ TEST_P(Overlay, CutsALongTextAtACharacter) {
   }
   EXPECT_TRUE(log_.waitFor("2 /etc/camera.conf: [" + std::string(GetParam().section) +
                            "] Text is cut to its first 124 bytes"));
+}
+
+// A camera that starts with the file as it comes says nothing about it.
+TEST_F(BoardsConfiguration, HasWhatEveryGetterAsksFor) {
+  write(readFile(VS_SOURCE_DIR "/board/rootfs/etc/camera.conf"));
+  int value = -1;
+  for (const auto get : {get_resolution, get_compress_rate, get_compression_type, get_ip_ratio,
+                         get_video_source, get_brightness, get_contrast, get_saturation, get_hue,
+                         get_flip, get_mirror, get_exposure, get_max_exposure, get_flickness,
+                         get_white_balance, get_noise_reduction, get_backlight_comp})
+    EXPECT_EQ(get(&value), 0);
+  char text[16];
+  EXPECT_EQ(get_frame_rate(text, sizeof text), 0);
+  EXPECT_EQ(get_video_source(&value), 0);
+  EXPECT_EQ(set_channel(value), 0);
+  tag_MotionDetect window{};
+  for (const int number : {1, 2}) {
+    EXPECT_EQ(get_motion_detect(&window, number), 0);
+    EXPECT_GT(window.enable, 0);
+    EXPECT_TRUE(window.x >= 0 && window.x + window.width < 640);
+    EXPECT_TRUE(window.y >= 0 && window.y + window.height < 480);
+  }
+  tag_Overlay overlay{};
+  for (const auto get : {get_overlay_image, get_overlay_motion, get_overlay_text})
+    EXPECT_EQ(get(&overlay), 0);
+  EXPECT_STREQ(overlay.text, "Camera ");
+  EXPECT_EQ(log_.lines(), std::vector<std::string>());
 }
 
 }  // namespace
