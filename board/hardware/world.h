@@ -20,8 +20,10 @@ class World {
 
   // Something moves inside this part of the scene from now on, or nowhere.
   void setMoving(std::optional<Rectangle> where);
+  std::optional<Rectangle> moving() const;
 
-  // The standard of the video inputs. A change calls back, without a lock, on this thread.
+  // The standard of the video inputs. A change calls back, without a lock, on this thread; the same
+  // standard again is no change.
   void setStandard(TvStandard standard);
   TvStandard standard() const;
   void onStandardChange(std::function<void()> callback);  // before any other thread runs

@@ -19,7 +19,10 @@ bool setValue(const char* key, const char* usualFile, bool on) {
   const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
   bool written = fd >= 0 && write(fd, on ? "1\n" : "0\n", 2) == 2;
   if (fd >= 0 && close(fd) != 0) written = false;
-  if (!written) std::fprintf(stderr, "camctl: %s: %s\n", path.c_str(), std::strerror(errno));
+  if (!written) {
+    std::fprintf(stderr, "%s: %s: %s\n", program_invocation_short_name, path.c_str(),
+                 std::strerror(errno));
+  }
   return written;
 }
 

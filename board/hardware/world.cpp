@@ -1,0 +1,59 @@
+#include "board/hardware/world.h"
+
+#include <chrono>
+#include <utility>
+
+namespace {
+
+std::int64_t monotonicMs() {
+  const auto now = std::chrono::steady_clock::now().time_since_epoch();
+  return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+}
+
+}  // namespace
+
+World::World(std::unique_ptr<Scene> scene)
+    : scene_(std::move(scene)),
+      startMs_(monotonicMs()),
+      last_(makePicture(kSceneWidth, kSceneHeight)) {}
+
+void World::setMoving(std::optional<Rectangle> where) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  moving_ = where;
+}
+
+std::optional<Rectangle> World::moving() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return moving_;
+}
+
+void World::setStandard(TvStandard standard) {
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (standard_ == standard) return;
+    standard_ = standard;
+  }
+  if (standardChanged_) standardChanged_();
+}
+
+TvStandard World::standard() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return standard_;
+}
+
+void World::onStandardChange(std::function<void()> callback) {
+  standardChanged_ = std::move(callback);
+}
+
+std::int64_t World::nowMs() const { return monotonicMs() - startMs_; }
+
+std::int64_t World::look(AVFrame* picture) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  const std::int64_t number = nowMs() / kPictureMs;
+  if (number != lastNumber_) {
+    scene_->draw(number * kPictureMs, moving_ ? &*moving_ : nullptr, last_.get());
+    lastNumber_ = number;
+  }
+  av_frame_copy(picture, last_.get());
+  return number;
+}
