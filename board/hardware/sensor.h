@@ -7,17 +7,20 @@
 #include "board/hardware/device.h"
 #include "board/hardware/picture.h"
 
+class Pace;
 class World;
 
 // Sees the world through its settings, draws the overlays, measures motion in two windows and
 // delivers JPEG pictures. There is one, however often its node is opened. Any thread.
 class Sensor : public Device {
  public:
-  explicit Sensor(World* world);  // not owned, must outlive it
+  // `pace`: null for the real time. Neither owned, both must outlive it.
+  explicit Sensor(World* world, Pace* pace = nullptr);
   ~Sensor() override;
 
   int ioctl(unsigned request, std::vector<char>* argument) override;
-  // One JPEG picture when the next is due; one that is longer than `limit` is cut off.
+  // One JPEG picture when the next is due by the rate, at once when it is overdue; one that is
+  // longer than `limit` is cut off.
   int read(std::size_t limit, std::vector<char>* data) override;
 
   // The picture that goes to the encoder: of the scene's size, with all settings and overlays.
