@@ -1,0 +1,210 @@
+// What the sensor's motion windows measure.
+#include <climits>
+
+#include "board/hardware/motion_meter.h"
+#include "sensor_fixture.h"
+
+namespace {
+
+constexpr unsigned kWindowRequests[2][6] = {
+    {kVicamSetMdwnd1Xpos, kVicamSetMdwnd1Ypos, kVicamSetMdwnd1Width, kVicamSetMdwnd1Height,
+     kVicamSetMdwnd1Threshold, kVicamSetMdwnd1Enable},
+    {kVicamSetMdwnd2Xpos, kVicamSetMdwnd2Ypos, kVicamSetMdwnd2Width, kVicamSetMdwnd2Height,
+     kVicamSetMdwnd2Threshold, kVicamSetMdwnd2Enable}};
+constexpr Rectangle kUpperLeft{10, 10, 200, 100};
+constexpr Rectangle kLowerRight{400, 300, 200, 150};
+
+class SensorMotion : public SensorTest {
+ protected:
+  void watch(int window, const Rectangle& where) {
+    const int values[] = {where.x, where.y, where.width, where.height, 5, 1};
+    for (int at = 0; at < 6; ++at) EXPECT_EQ(set(kWindowRequests[window - 1][at], values[at]), 0);
+  }
+
+  // Shows the scene with a light patch in it.
+  void showPatch(const Rectangle& where) {
+    show([where](AVFrame* picture) {
+      drawShades(picture);
+      fillLuma(picture, where, 230);
+    });
+  }
+};
+
+TEST_F(SensorMotion, MotionInOneWindowRaisesItsLevelAlone) {
+  watch(1, kUpperLeft);
+  watch(2, kLowerRight);
+  EXPECT_EQ(level(1), 0);
+  EXPECT_EQ(level(2), 0);
+  showPatch({100, 50, 40, 40});
+  EXPECT_GT(level(1), 4);
+  EXPECT_EQ(level(2), 0);
+  showPatch({450, 350, 40, 40});
+  EXPECT_GT(level(1), 4);  // the patch is gone from here
+  EXPECT_GT(level(2), 3);
+  showPatch({500, 350, 40, 40});
+  EXPECT_EQ(level(1), 0);
+  EXPECT_GT(level(2), 3);
+}
+
+TEST_F(SensorMotion, WhatStandsStillHasLevelZero) {
+  watch(1, kUpperLeft);
+  for (int picture = 0; picture < 4; ++picture) {
+    EXPECT_EQ(level(1), 0);
+    nextPicture();
+  }
+}
+
+TEST_F(SensorMotion, TheLevelIsTheShareOfTheWindow) {
+  watch(1, {0, 0, 160, 160});
+  level(1);
+  showPatch({0, 0, 80, 160});
+  EXPECT_EQ(level(1), 50);
+  show([](AVFrame* picture) { drawPlain(picture, 20, 128, 128); });
+  EXPECT_EQ(level(1), 100);
+}
+
+TEST_F(SensorMotion, TheSmallestMotionHasLevelOne) {
+  watch(1, {0, 0, 639, 479});
+  level(1);
+  showPatch({300, 200, 8, 8});
+  EXPECT_EQ(level(1), 1);
+}
+
+TEST_F(SensorMotion, MotionBesideTheWindowDoesNotCount) {
+  watch(1, {100, 100, 50, 50});
+  level(1);
+  showPatch({0, 0, 100, 480});
+  EXPECT_EQ(level(1), 0);
+  showPatch({150, 0, 100, 480});
+  EXPECT_EQ(level(1), 0);
+  showPatch({0, 0, 640, 100});
+  EXPECT_EQ(level(1), 0);
+  showPatch({0, 150, 640, 100});
+  EXPECT_EQ(level(1), 0);
+  showPatch({149, 149, 10, 10});  // its last pixel
+  EXPECT_EQ(level(1), 0);
+}
+
+TEST_F(SensorMotion, TheLevelStaysUntilTheNextPicture) {
+  watch(1, kUpperLeft);
+  level(1);
+  showPatch(kUpperLeft);
+  nextPicture();
+  int first = 0;
+  // A picture may end between two polls; not twice in a row.
+  for (int attempt = 0; attempt < 10; ++attempt) {
+    showPatch({10, 10, 20 + 10 * attempt, 100});
+    first = level(1);
+    const Picture picture = makePicture(kSceneWidth, kSceneHeight);
+    const std::int64_t number = world_.look(picture.get());
+    const int second = level(1);
+    if (world_.look(picture.get()) != number) continue;
+    EXPECT_GT(first, 0);
+    EXPECT_EQ(second, first);
+    return;
+  }
+  FAIL() << "no picture lasts for two polls";
+}
+
+TEST_F(SensorMotion, LevelsFallWhenMotionEnds) {
+  watch(1, kUpperLeft);
+  level(1);
+  showPatch({100, 50, 40, 40});
+  EXPECT_GT(level(1), 0);
+  nextPicture();
+  EXPECT_EQ(level(1), 0);
+}
+
+TEST_F(SensorMotion, ADisabledWindowHasLevelZero) {
+  watch(1, kUpperLeft);
+  level(1);
+  set(kVicamSetMdwnd1Enable, 0);
+  showPatch(kUpperLeft);
+  EXPECT_EQ(level(1), 0);
+  set(kVicamSetMdwnd1Enable, -1);
+  showPatch({100, 50, 40, 40});
+  EXPECT_EQ(level(1), 0);
+  EXPECT_EQ(level(2), 0);
+}
+
+TEST_F(SensorMotion, StrangeWindowsHaveLevelZero) {
+  for (const Rectangle& window : {Rectangle{10, 10, 0, 100},
+                                  {10, 10, 100, 0},
+                                  {10, 10, -5, 100},
+                                  {10, 10, 100, INT_MIN},
+                                  {640, 0, 100, 100},
+                                  {0, 480, 100, 100},
+                                  {-100, 0, 100, 100},
+                                  {INT_MAX, 0, INT_MAX, 100},
+                                  {INT_MIN, 0, INT_MAX, 100},
+                                  {0, INT_MIN, 100, INT_MIN}}) {
+    watch(1, window);
+    level(1);
+    showPatch({0, 0, 640, 480});
+    EXPECT_EQ(level(1), 0) << window.x << " " << window.width;
+    for (const unsigned turn : {kVicamSetFlip, kVicamSetMirror}) {
+      set(turn, 1);
+      EXPECT_EQ(level(1), 0) << window.x << " " << window.width;
+    }
+    set(kVicamSetFlip, 0);
+    set(kVicamSetMirror, 0);
+    stage_.show(drawShades);
+  }
+}
+
+TEST_F(SensorMotion, AWindowThatReachesOutsideMeasuresWhatIsInside) {
+  watch(1, {-50, -50, INT_MAX, INT_MAX});
+  level(1);
+  showPatch({0, 0, 640, 240});
+  EXPECT_EQ(level(1), 50);
+}
+
+TEST_F(SensorMotion, WindowsLieInThePictureThatIsDelivered) {
+  watch(1, kUpperLeft);
+  level(1);
+  set(kVicamSetFlip, 1);
+  set(kVicamSetMirror, 1);
+  EXPECT_EQ(level(1), 0);  // turning is no motion
+  showPatch({100, 50, 40, 40});
+  EXPECT_EQ(level(1), 0);
+  showPatch({640 - 140, 480 - 90, 40, 40});
+  EXPECT_GT(level(1), 4);
+}
+
+TEST_F(SensorMotion, SettingsOverlaysAndNoiseAreNoMotion) {
+  watch(1, {0, 0, 639, 479});
+  level(1);
+  set(kVicamSetNoisefilter, 0);
+  set(kVicamSetFlickerMode, 2);
+  set(kVicamSetExposure, 9);
+  setText(kVicamSetDtosdString, "Gate");
+  set(kVicamSetDtosdEnable, 1);
+  nextPicture();
+  capture();
+  EXPECT_EQ(level(1), 0);
+}
+
+TEST_F(SensorMotion, ASlightChangeOfLightIsNoMotion) {
+  watch(1, kUpperLeft);
+  show([](AVFrame* picture) { drawPlain(picture, 100, 128, 128); });
+  level(1);
+  show([](AVFrame* picture) { drawPlain(picture, 104, 128, 128); });
+  EXPECT_EQ(level(1), 0);
+  show([](AVFrame* picture) { drawPlain(picture, 90, 128, 128); });
+  EXPECT_EQ(level(1), 100);
+}
+
+TEST(MotionMeter, ForgetsWhatIsLongAgo) {
+  const Picture dark = makePicture(kSceneWidth, kSceneHeight);
+  const Picture light = makePicture(kSceneWidth, kSceneHeight);
+  fillLuma(light.get(), {0, 0, kSceneWidth, kSceneHeight}, 200);
+  const Rectangle window{0, 0, 100, 100};
+  MotionMeter meter;
+  EXPECT_EQ(meter.measure(*light, 0, window), 0);  // the first
+  EXPECT_EQ(meter.measure(*dark, 89, window), 100);
+  EXPECT_EQ(meter.measure(*light, 179, window), 0);
+  EXPECT_EQ(meter.measure(*dark, 180, window), 100);
+  EXPECT_EQ(meter.measure(*light, 180, window), 100);  // that number was measured already
+}
+
+}  // namespace
