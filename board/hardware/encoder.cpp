@@ -6,9 +6,11 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <string>
 
 #include "board/hardware/colour.h"
 #include "board/hardware/encoder_settings.h"
+#include "board/hardware/label.h"
 #include "board/hardware/mpeg4.h"
 #include "board/hardware/pace.h"
 #include "board/hardware/sensor.h"
@@ -18,6 +20,13 @@
 namespace {
 
 constexpr std::int64_t kStoppedWaitMs = 1000;
+
+// Where the inputs other than 0 show their number, as there is one scene for all.
+constexpr Rectangle kInputLabel = {0, kSceneHeight - 40, 160, 40};
+
+OverlayLayer inputLabel(int input) {
+  return input == 0 ? OverlayLayer() : drawLabel("INPUT " + std::to_string(input), kInputLabel);
+}
 
 Pace* realPace() {
   static Pace pace;
@@ -44,6 +53,7 @@ struct Encoder::Parts {
   std::condition_variable changed;
   EncoderSettings settings;
   ColourFilter colour{kNeutralColour};
+  OverlayLayer label;
   bool running = false;
   bool keyNext = true;
   int sinceKey = 0;
@@ -67,6 +77,7 @@ int Encoder::Parts::set(unsigned request, int value) {
       return 0;
     case kMpg430VideoSource:
       if (!settings.setSource(value)) return -EINVAL;
+      label = inputLabel(value);
       keyNext = true;
       return 0;
     case kMpg430SetFrate: {
@@ -113,10 +124,12 @@ bool Encoder::Parts::waitForPicture(std::unique_lock<std::mutex>* lock) {
 }
 
 void Encoder::Parts::lookInto(AVFrame* picture) {
-  if (sensor)
+  if (sensor) {
     sensor->capture(picture);
-  else
-    world->look(picture);
+    return;
+  }
+  world->look(picture);
+  label.blend(picture);
 }
 
 bool Encoder::Parts::makePictureNow() {

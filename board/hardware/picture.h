@@ -4,6 +4,7 @@
 extern "C" {
 #include <libavutil/frame.h>
 }
+#include <array>
 #include <memory>
 
 struct FrameDeleter {
@@ -20,5 +21,25 @@ constexpr int kSceneHeight = 480;
 Picture makePicture(int width, int height);
 // Copies the pixels of a picture of the same size.
 void copyPicture(const AVFrame& from, AVFrame* to);
-// Scales `from` into all of `to`. Any thread, each with its own pictures.
+// Scales `from` into all of `to`. Any thread, each with its own pictures. Best with the same sizes
+// again and again.
 void scalePicture(const AVFrame& from, AVFrame* to);
+
+struct SwsContext;
+
+// Scales pictures of any kind. Bound to one thread at a time.
+class Scaler {
+ public:
+  // Scales `from` into all of `to`, which is one of our own. Returns false, changing nothing, when
+  // pictures of that kind can't be converted.
+  bool scale(const AVFrame& from, AVFrame* to);
+
+ private:
+  struct Deleter {
+    void operator()(SwsContext* context) const;
+  };
+  using Kind = std::array<int, 6>;  // size, format and range of `from`, size of `to`
+
+  Kind kind_{};
+  std::unique_ptr<SwsContext, Deleter> context_;
+};
