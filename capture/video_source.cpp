@@ -5,6 +5,7 @@
 
 #include "capture/camera.h"
 #include "capture/devices/file_source.h"
+#include "capture/devices/lumo_cam.h"
 #include "capture/devices/mpg430.h"
 #include "capture/frame_record.h"
 #include "capture/video_args.h"
@@ -41,7 +42,7 @@ std::unique_ptr<TCamera> openCamera(const TVideoArgs& args) {
   else if (ktx310)
     return std::make_unique<TMpg430>(true);
   else
-    logEx(3, "no driver for %s in this version", args.source);
+    return std::make_unique<TLumoCam>();
   return nullptr;
 }
 

@@ -16,8 +16,7 @@ class TVideoSource : public PThread {
  public:
   // Makes the camera that `args` names, and publishes all settings for config() to apply.
   // Logs 3 "Can't attach video streaming buffer", 3 "KTX-310 must use CompressionType 0",
-  // 3 "BRM-520 must use CompressionType 0 or 1", 3 "no driver for %s in this version": then there
-  // is no camera.
+  // 3 "BRM-520 must use CompressionType 0 or 1": then there is no camera.
   explicit TVideoSource(TVideoArgs& args);
   // As above, with this camera (which may be null).
   TVideoSource(const TVideoArgs& args, std::unique_ptr<TCamera> camera);

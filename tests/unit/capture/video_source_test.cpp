@@ -5,6 +5,8 @@
 
 #include "capture/camera.h"
 #include "capture/devices/file_source.h"
+#include "capture/devices/lumo_cam.h"
+#include "capture/devices/mpg430.h"
 #include "capture/frame_record.h"
 #include "capture/video_args.h"
 #include "core/status_slots.h"
@@ -70,16 +72,21 @@ TEST_F(VideoSource, AModelWithAWrongCompressionTypeHasNoCamera) {
   }
 }
 
-TEST_F(VideoSource, AModelWithoutADriverHasNoCamera) {
-  for (const char* model : {"BRM-520"}) {
-    fake.takeCalls();
-    args.source = model;
-    args.compressionType = 0;
-    TVideoSource source(args);
-    EXPECT_EQ(source.camera(), nullptr);
-    EXPECT_EQ(
-        fake.callsWith("log"),
-        std::vector<std::string>{"log 3 no driver for " + std::string(model) + " in this version"});
+TEST_F(VideoSource, AModelIsTheCameraOfItsName) {
+  args.source = "KTX-310";
+  args.compressionType = 0;
+  {
+    TVideoSource encoder(args);
+    EXPECT_NE(dynamic_cast<TMpg430*>(encoder.camera()), nullptr);
+    EXPECT_EQ(dynamic_cast<TLumoCam*>(encoder.camera()), nullptr);
+  }
+  EXPECT_EQ(TCamera::defMode, 0);
+  args.source = "BRM-520";
+  for (const int type : {0, 1}) {
+    TCamera::defMode = 1;
+    args.compressionType = type;
+    TVideoSource sensor(args);
+    EXPECT_NE(dynamic_cast<TLumoCam*>(sensor.camera()), nullptr);
     EXPECT_EQ(TCamera::defMode, 0);
   }
 }

@@ -134,11 +134,11 @@ TEST_F(VideoServer, WithoutVideoTheMainThreadOnlySleeps) {
 }
 
 TEST_F(VideoServer, AThreadWithoutACameraIsNeverRun) {
-  fake.config("compression_type", 0);
+  fake.config("compression_type", 2);
   fake.stopAfterPasses(30);
   EXPECT_EQ(main({"-B520", "-mv"}), 0);
   EXPECT_EQ(fake.count("run(KVX-video)"), 0);
-  EXPECT_EQ(fake.logged("no driver for BRM-520 in this version"), 1);
+  EXPECT_EQ(fake.logged("BRM-520 must use CompressionType 0 or 1"), 1);
   EXPECT_GT(fake.asked("get_trigger_in_state"), 20);  // the house is kept all the same
 }
 
