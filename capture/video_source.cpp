@@ -27,23 +27,23 @@ constexpr unsigned long kFailedUs = 30000;
 constexpr unsigned kKTX310Types = 1;
 constexpr unsigned kBRM520Types = 2;
 
-// Returns null when there is no such camera.
+// Returns null when the model can't do what is asked for.
 std::unique_ptr<TCamera> openCamera(const TVideoArgs& args) {
   if (sbVideo() == nullptr) logEx(3, "Can't attach video streaming buffer");
-  const bool ktx310 = std::strcmp(args.source, kModelKTX310) == 0;
-  const bool brm520 = std::strcmp(args.source, kModelBRM520) == 0;
-  if (!ktx310 && !brm520) return std::make_unique<TFileSource>(args.source);
-  TCamera::defMode = 0;
   const auto type = static_cast<unsigned>(args.compressionType);  // so that "unset" is too large
-  if (ktx310 && type >= kKTX310Types)
+  if (std::strcmp(args.source, kModelKTX310) == 0) {
+    TCamera::defMode = 0;
+    if (type < kKTX310Types) return std::make_unique<TMpg430>(true);
     logEx(3, "KTX-310 must use CompressionType 0");
-  else if (brm520 && type >= kBRM520Types)
+    return nullptr;
+  }
+  if (std::strcmp(args.source, kModelBRM520) == 0) {
+    TCamera::defMode = 0;
+    if (type < kBRM520Types) return std::make_unique<TLumoCam>();
     logEx(3, "BRM-520 must use CompressionType 0 or 1");
-  else if (ktx310)
-    return std::make_unique<TMpg430>(true);
-  else
-    return std::make_unique<TLumoCam>();
-  return nullptr;
+    return nullptr;
+  }
+  return std::make_unique<TFileSource>(args.source);
 }
 
 // Writes the settings into their slots; the first config() applies them all.
