@@ -5,12 +5,14 @@
 namespace {
 
 constexpr int kSizes = 11;
-constexpr PictureSize kPalSizes[kSizes] = {{352, 288}, {720, 288}, {720, 576}, {352, 288},
-                                           {720, 288}, {720, 576}, {176, 144}, {640, 480},
-                                           {320, 240}, {0, 0},     {160, 120}};
-constexpr PictureSize kNtscSizes[kSizes] = {{352, 240}, {720, 240}, {720, 480}, {352, 240},
-                                            {720, 240}, {720, 480}, {176, 144}, {640, 480},
-                                            {320, 240}, {0, 0},     {160, 120}};
+constexpr PictureSize kPictureSizes[kSizes] = {{352, 288}, {720, 288}, {720, 576}, {352, 240},
+                                               {720, 240}, {720, 480}, {176, 144}, {640, 480},
+                                               {320, 240}, {0, 0},     {160, 120}};
+// NTSC has fewer lines than the largest pictures: theirs become those of NTSC's frame and field.
+constexpr int kPalFrame = 576;
+constexpr int kNtscFrame = 480;
+constexpr int kPalField = kPalFrame / 2;
+constexpr int kNtscField = kNtscFrame / 2;
 
 // Pictures per second by setting; what is greater gives one.
 constexpr int kRates[] = {30, 15, 10, 7, 6, 5, 3, 3, 2, 2};
@@ -24,7 +26,7 @@ bool inRange(int value, int first, int last) { return value >= first && value <=
 }  // namespace
 
 bool EncoderSettings::setResolution(int index) {
-  if (!inRange(index, 0, kSizes - 1) || kPalSizes[index].width == 0) return false;
+  if (!inRange(index, 0, kSizes - 1) || kPictureSizes[index].width == 0) return false;
   resolution_ = index;
   return true;
 }
@@ -54,5 +56,9 @@ bool EncoderSettings::setFrameRate(int setting) {
 }
 
 PictureSize EncoderSettings::size() const {
-  return (standard_ == TvStandard::kPal ? kPalSizes : kNtscSizes)[resolution_];
+  PictureSize size = kPictureSizes[resolution_];
+  if (standard_ != TvStandard::kNtsc) return size;
+  if (size.height == kPalFrame) size.height = kNtscFrame;
+  if (size.height == kPalField) size.height = kNtscField;
+  return size;
 }

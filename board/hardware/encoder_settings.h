@@ -24,7 +24,7 @@ class EncoderSettings {
   bool setFrameRate(int setting);  // any: 0 is the fastest
   void setStandard(TvStandard standard) { standard_ = standard; }
 
-  // The indices of television pictures stand for the size in the standard that the inputs have.
+  // That of the index; in NTSC those of 576 and 288 lines have 480 and 240.
   PictureSize size() const;
   std::int64_t periodMs() const { return periodMs_; }
   int quantiser() const { return quantiser_; }
