@@ -40,7 +40,7 @@ struct Encoder::Parts {
       : world(w), sensor(s), pace(p ? p : realPace()), settings(w->standard()) {}
 
   int set(unsigned request, int value);
-  void restart();
+  void start();
   bool waitForPicture(std::unique_lock<std::mutex>* lock);
   bool makePictureNow();
   void lookInto(AVFrame* picture);
@@ -55,6 +55,7 @@ struct Encoder::Parts {
   ColourFilter colour{kNeutralColour};
   OverlayLayer label;
   bool running = false;
+  unsigned starts = 0;
   bool keyNext = true;
   int sinceKey = 0;
   std::int64_t dueMs = 0;    // of the next picture
@@ -92,23 +93,28 @@ int Encoder::Parts::set(unsigned request, int value) {
       return settings.setPredicted(value) ? 0 : -EINVAL;
     case kMpg430StreamStart:
       if (value != 0 && value != 1) return -EINVAL;
+      if (value == 1) start();
       running = value == 1;
-      if (running) restart();
       return 0;
     default:
       return -EINVAL;
   }
 }
 
-void Encoder::Parts::restart() {
+void Encoder::Parts::start() {
+  // Who starts what runs already is somebody new: the one before has gone without a word.
+  if (running) taken = coded.size();
+  ++starts;
   keyNext = true;
   dueMs = pace->nowMs();
 }
 
-// Returns false when the stream stands still.
+// Returns false when the stream stands still or was started anew meanwhile.
 bool Encoder::Parts::waitForPicture(std::unique_lock<std::mutex>* lock) {
   const std::int64_t giveUpMs = pace->nowMs() + kStoppedWaitMs;
+  const unsigned start = starts;
   while (taken == coded.size()) {
+    if (starts != start && running) return false;
     const std::int64_t now = pace->nowMs();
     const std::int64_t due = std::max(dueMs, quietMs);
     if (running && now >= due) {

@@ -15,9 +15,11 @@ class World;
 // predicted pictures. Any thread.
 //
 // A picture that was begun is delivered to its end whatever is set meanwhile, so that no change
-// tears one; all settings take effect with the next. Two things drop its rest: a header of another
-// size that is asked for, since from then on pictures belong to that header, and the closing of the
-// node. The size, the source, the standard and a start make the next picture a key picture.
+// tears one; all settings take effect with the next. Three things drop its rest: a header of
+// another size that is asked for, since from then on pictures belong to that header, the closing of
+// the node, and a start of what runs already, which comes from somebody new. The size, the source,
+// the standard and a start make the next picture a key picture; a read that waits during a start
+// gives 0, lest somebody who has gone takes the first chunk away.
 class Encoder : public Device {
  public:
   // `sensor`: null on a camera without one. `pace`: null for the real time. None owned, all must
