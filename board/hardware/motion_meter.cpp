@@ -1,35 +1,58 @@
 #include "board/hardware/motion_meter.h"
 
 #include <algorithm>
+#include <array>
+#include <bitset>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <numeric>
 
 namespace {
 
 constexpr int kBlock = 8;  // pixels
-constexpr int kStep = 2;   // every second pixel of every second row is looked at
+constexpr int kStep = 2;   // every second row is looked at
 // The mean difference of the pixels of a block that counts as noticeable. A camera's own noise
 // stays below half of it.
 constexpr int kNoticeable = 8;
 
-}  // namespace
+using Columns = std::array<std::uint16_t, kSceneWidth>;
 
-int MotionMeter::measure(const AVFrame& picture, std::int64_t number, const Rectangle& window) {
-  if (number != number_) {
-    constexpr std::size_t kColumns = kSceneWidth;
-    comparable_ = number_ >= 0 && number - number_ < kForgetPictures;
-    number_ = number;
-    now_.swap(before_);
-    now_.resize(kColumns * kSceneHeight);
-    for (int row = 0; row < kSceneHeight; ++row)
-      std::memcpy(&now_[kColumns * static_cast<std::size_t>(row)],
-                  picture.data[0] + static_cast<std::ptrdiff_t>(picture.linesize[0]) * row,
-                  kColumns);
+// Sums the differences of two pictures in each column of the rows from `top` to `bottom`.
+Columns difference(const std::uint8_t* one, const std::uint8_t* other, int left, int right, int top,
+                   int bottom) {
+  Columns sums{};
+  for (int y = top; y < bottom; y += kStep) {
+    const std::ptrdiff_t row = std::ptrdiff_t{kSceneWidth} * y;
+    for (int x = left; x < right; ++x) {
+      const int apart = std::abs(one[row + x] - other[row + x]);
+      sums[static_cast<std::size_t>(x)] =
+          static_cast<std::uint16_t>(sums[static_cast<std::size_t>(x)] + apart);
+    }
   }
-  return comparable_ ? share(window) : 0;
+  return sums;
 }
 
-int MotionMeter::share(const Rectangle& window) const {
+}  // namespace
+
+void MotionMeter::see(const AVFrame& picture, std::int64_t number) {
+  constexpr std::size_t kColumns = kSceneWidth;
+  if (!seen_.empty() && seen_.back().number == number) return;
+  seen_.push_back({number, {}});
+  // What has become too old lends its memory to the new one; the one before it always stays.
+  while (seen_.size() > 2 && number - seen_.front().number > kSpanPictures) {
+    seen_.back().luma.swap(seen_.front().luma);
+    seen_.pop_front();
+  }
+  std::vector<std::uint8_t>& luma = seen_.back().luma;
+  luma.resize(kColumns * kSceneHeight);
+  for (int row = 0; row < kSceneHeight; ++row)
+    std::memcpy(&luma[kColumns * static_cast<std::size_t>(row)],
+                picture.data[0] + static_cast<std::ptrdiff_t>(picture.linesize[0]) * row, kColumns);
+}
+
+int MotionMeter::level(const Rectangle& window) const {
+  if (seen_.size() < 2 || seen_.back().number - seen_.front().number >= kForgetPictures) return 0;
   const auto end = [](int begin, int length, int limit) {
     return static_cast<int>(std::min<std::int64_t>(std::int64_t{begin} + length, limit));
   };
@@ -37,27 +60,24 @@ int MotionMeter::share(const Rectangle& window) const {
   const int top = std::max(window.y, 0);
   const int right = end(window.x, window.width, kSceneWidth);
   const int bottom = end(window.y, window.height, kSceneHeight);
+  if (left >= right || top >= bottom) return 0;
   int blocks = 0;
   int moving = 0;
   for (int y = top; y < bottom; y += kBlock) {
-    for (int x = left; x < right; x += kBlock) {
-      ++blocks;
-      if (changed(x, y, std::min(x + kBlock, right), std::min(y + kBlock, bottom))) ++moving;
+    std::bitset<kSceneWidth / kBlock + 1> changed;
+    for (std::size_t older = 0; older + 1 < seen_.size(); ++older) {
+      const Columns sums = difference(seen_.back().luma.data(), seen_[older].luma.data(), left,
+                                      right, y, std::min(y + kBlock, bottom));
+      for (int x = left; x < right; x += kBlock) {
+        const int next = std::min(x + kBlock, right);
+        const int rows = (std::min(y + kBlock, bottom) - y + kStep - 1) / kStep;
+        const int sum = std::accumulate(sums.begin() + x, sums.begin() + next, 0);
+        if (sum >= kNoticeable * rows * (next - x))
+          changed.set(static_cast<std::size_t>((x - left) / kBlock));
+      }
     }
+    moving += static_cast<int>(changed.count());
+    blocks += (right - left + kBlock - 1) / kBlock;
   }
-  return blocks == 0 ? 0 : (moving * 100 + blocks - 1) / blocks;
-}
-
-bool MotionMeter::changed(int left, int top, int right, int bottom) const {
-  int difference = 0;
-  int count = 0;
-  for (int y = top; y < bottom; y += kStep) {
-    const std::size_t row = static_cast<std::size_t>(kSceneWidth) * static_cast<std::size_t>(y);
-    for (int x = left; x < right; x += kStep) {
-      const std::size_t at = row + static_cast<std::size_t>(x);
-      difference += std::abs(now_[at] - before_[at]);
-      ++count;
-    }
-  }
-  return difference >= kNoticeable * count;
+  return (moving * 100 + blocks - 1) / blocks;
 }

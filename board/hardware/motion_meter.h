@@ -1,30 +1,34 @@
-// Measures motion in one window of the scene.
+// Measures motion in windows of the scene.
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <vector>
 
 #include "board/hardware/scene.h"
 
-// Bound to one thread. Looks at light and dark alone.
+// Remembers what was to be seen a moment ago. Bound to one thread. Looks at light and dark alone.
 class MotionMeter {
  public:
-  // Returns how much of the window has changed from the picture that was measured before this one:
-  // the share of its blocks of 8x8 pixels that differ noticeably, in per cent, rounded up.
-  // `picture`: of the scene's size. `number`: grows with each new picture; one that was measured
-  // already has the level that it had. `window`: what lies outside the scene does not count; 0 for
-  // one without any pixel inside. The first picture has level 0, and so has one that comes
-  // kForgetPictures and more after the one before: what was long ago is no motion.
-  int measure(const AVFrame& picture, std::int64_t number, const Rectangle& window);
+  // `picture`: of the scene's size. `number`: grows by one with each picture that the scene has;
+  // one that was seen already changes nothing.
+  void see(const AVFrame& picture, std::int64_t number);
 
+  // Returns how much of the window has changed: the share of its blocks of 8x8 pixels that differ
+  // noticeably from any of the pictures of the last kSpanPictures, in per cent, rounded up. So a
+  // movement shows at once and for that long, and who asks less often does not miss it. `window`:
+  // what lies outside the scene does not count; 0 for one without any pixel inside. Where no
+  // picture is that young the one before counts, unless it is kForgetPictures old: what was long
+  // ago is no motion.
+  int level(const Rectangle& window) const;
+
+  static constexpr std::int64_t kSpanPictures = 6;  // 0.2 s
   static constexpr std::int64_t kForgetPictures = 90;
 
  private:
-  int share(const Rectangle& window) const;
-  bool changed(int left, int top, int right, int bottom) const;
-
-  std::vector<std::uint8_t> now_;
-  std::vector<std::uint8_t> before_;
-  std::int64_t number_ = -1;
-  bool comparable_ = false;
+  struct Seen {
+    std::int64_t number;
+    std::vector<std::uint8_t> luma;
+  };
+  std::deque<Seen> seen_;  // in their order; the last is what is to be seen now
 };

@@ -30,7 +30,7 @@ struct Sensor::Parts {
 
   std::mutex motionMutex;
   Picture observed = makePicture(kSceneWidth, kSceneHeight);
-  MotionMeter meters[2];
+  MotionMeter meter;
 
   std::mutex pictureMutex;
   SensorSettings used;  // for what was finished last
@@ -90,7 +90,8 @@ int Sensor::Parts::motionLevel(int window) {
   }
   const std::lock_guard<std::mutex> lock(motionMutex);
   const std::int64_t seen = world->look(observed.get());
-  return meters[window].measure(*observed, seen, where);
+  meter.see(*observed, seen);
+  return meter.level(where);
 }
 
 // Waits until a picture is due by the rate, also by one that is set meanwhile. A reader who is late
