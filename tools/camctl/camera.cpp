@@ -12,11 +12,13 @@ bool cameraRuns() {
   return video != nullptr && daemonAmong([video](int byte) { return video->lockOwner(byte); }) != 0;
 }
 
-int sayNoPicture() {
+int sayNoPicture() { return sayNoPicture("picture"); }
+
+int sayNoPicture(const char* wanted) {
   if (!cameraRuns()) {
     std::fputs("camctl: the camera has stopped\n", stderr);
     return kExitNoCamera;
   }
-  std::fputs("camctl: the camera delivers no picture\n", stderr);
+  std::fprintf(stderr, "camctl: the camera delivers no %s\n", wanted);
   return kExitNoPicture;
 }

@@ -25,12 +25,16 @@ int runInput(bool on);
 int runPrivacy(bool on);
 int runReload();
 
-// Stores the newest picture; an existing file is replaced as a whole.
+// Stores the next picture, of an MPEG-4 stream the next key picture as an AVI file; an existing
+// file is replaced as a whole.
 int runGrab(const std::string& file);
 
 enum class DumpFormat {
+  kAny,    // one of the following two, as the first frame is
+  kMjpeg,  // JPEG pictures, one after the other
+  kMpeg4,  // an MPEG-4 stream, from a key picture on
   kRaw,    // every frame with the record before it
-  kMjpeg,  // the pictures alone, one after the other
 };
-// Writes the stream to standard output. `frames`: how many, 0: until the end is asked for.
-int runDump(DumpFormat format, long frames);
+// Writes the stream to standard output. `count`: how many pictures, or frames if kRaw; 0: until the
+// end is asked for.
+int runDump(DumpFormat format, long count);

@@ -5,11 +5,13 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <vector>
 
 #include "platform/timer.h"
 #include "tools/camctl/camera.h"
 #include "tools/camctl/commands.h"
 #include "tools/camctl/frame_reader.h"
+#include "tools/camctl/mpeg4_stream.h"
 #include "tools/camctl/stop_flag.h"
 
 namespace {
@@ -39,14 +41,68 @@ Written writeOut(const char* data, std::size_t size) {
   return Written::kAll;
 }
 
-Written writeFrame(const FrameReader::Frame& frame, DumpFormat format) {
-  if (format == DumpFormat::kMjpeg) return writeOut(frame.payload(), frame.length());
-  return writeOut(reinterpret_cast<const char*>(frame.record()), kFrameHeadBytes + frame.length());
-}
+// Writes the frames one by one. Bound to one thread.
+class Dump {
+ public:
+  explicit Dump(DumpFormat format) : format_(format) {}
+
+  // Takes a frame while it is pinned. Returns false iff it is not of the format.
+  bool take(const FrameReader::Frame& frame) {
+    const FrameChunks content = frame.content();
+    if (format_ == DumpFormat::kAny && content.kind() != FrameKind::kUnknown) {
+      format_ = content.kind() == FrameKind::kMpeg4 ? DumpFormat::kMpeg4 : DumpFormat::kMjpeg;
+    }
+    switch (format_) {
+      case DumpFormat::kAny:
+        return false;
+      case DumpFormat::kMjpeg:
+        if (content.kind() != FrameKind::kJpeg) return false;
+        write(frame.payload(), frame.length());
+        return true;
+      case DumpFormat::kMpeg4:
+        stream_.take(frame.number(), frame.text(0), content.chunks(), &pictures_);
+        return content.kind() == FrameKind::kMpeg4;
+      case DumpFormat::kRaw:
+        write(reinterpret_cast<const char*>(frame.record()), kFrameHeadBytes + frame.length());
+        return true;
+    }
+    return false;
+  }
+
+  // Writes what was taken to be written later, when no frame is pinned. `most`: how many pictures
+  // may be written in all; 0: any number.
+  void writeOn(long most) {
+    for (const Mpeg4Picture& picture : pictures_) {
+      if (written_ != Written::kAll || (most != 0 && count_ >= most)) break;
+      write((picture.header + picture.data).c_str(), picture.header.size() + picture.data.size());
+    }
+    pictures_.clear();
+  }
+
+  Written written() const { return written_; }
+  long count() const { return count_; }
+  // What a camera does not deliver when nothing can be taken.
+  const char* wanted() const {
+    if (format_ == DumpFormat::kMjpeg) return "JPEG picture";
+    return format_ == DumpFormat::kMpeg4 ? "MPEG-4 picture" : "picture";
+  }
+
+ private:
+  void write(const char* data, std::size_t size) {
+    written_ = writeOut(data, size);
+    if (written_ == Written::kAll) ++count_;
+  }
+
+  DumpFormat format_;
+  Mpeg4Stream stream_;
+  std::vector<Mpeg4Picture> pictures_;
+  Written written_ = Written::kAll;
+  long count_ = 0;  // of the pictures, or frames, that were written
+};
 
 }  // namespace
 
-int runDump(DumpFormat format, long frames) {
+int runDump(DumpFormat format, long count) {
   if (isatty(STDOUT_FILENO) != 0) {
     std::fputs("camctl: a stream is nothing for a terminal, send it into a file or a pipe\n",
                stderr);
@@ -54,25 +110,23 @@ int runDump(DumpFormat format, long frames) {
   }
   endInOrder();
   FrameReader reader;
-  std::uint32_t lastFrame = monotonicMs();
-  for (long done = 0; (frames == 0 || done < frames) && !endAsked();) {
-    const FrameReader::Frame frame(&reader, kWaitMs);
-    if (!frame) {
-      if (monotonicMs() - lastFrame > kNoPictureMs) return sayNoPicture();
-      continue;
+  Dump dump(format);
+  std::uint32_t lastTaken = monotonicMs();
+  while ((count == 0 || dump.count() < count) && !endAsked()) {
+    bool taken = false;
+    {
+      const FrameReader::Frame frame(&reader, kWaitMs);
+      taken = frame && dump.take(frame);
     }
-    lastFrame = monotonicMs();
-    if (format == DumpFormat::kMjpeg && !frame.isPicture()) continue;
-    switch (writeFrame(frame, format)) {
-      case Written::kAll:
-        ++done;
-        break;
-      case Written::kEnd:
-        return kExitOk;
-      case Written::kError:
-        std::fprintf(stderr, "camctl: standard output: %s\n", std::strerror(errno));
-        return kExitFailed;
+    dump.writeOn(count);
+    if (dump.written() == Written::kEnd) return kExitOk;
+    if (dump.written() == Written::kError) {
+      std::fprintf(stderr, "camctl: standard output: %s\n", std::strerror(errno));
+      return kExitFailed;
     }
+    // Writing may have taken long.
+    if (taken) lastTaken = monotonicMs();
+    if (monotonicMs() - lastTaken > kNoPictureMs) return sayNoPicture(dump.wanted());
   }
   return kExitOk;
 }

@@ -24,8 +24,8 @@ constexpr char kExamples[] = R"(Examples:
   camctl watch --for 10              ten lines, one a second
   camctl set brightness 60           applied between two frames
   camctl trigger web1                fire the first web event
-  camctl grab now.jpg                store the newest picture
-  camctl dump | ffplay -f mjpeg -    look at the stream
+  camctl grab now.jpg                store the next picture
+  camctl dump | ffplay -             look at the stream
 
 Exit status: 0 done; 1 failed; 2 wrong command line; 3 no camera runs; 4 the camera delivers no
 picture.
@@ -42,7 +42,7 @@ struct Options {
   std::string trigger;
   std::string state;  // "on" or "off"
   std::string file;
-  std::string format = "mjpeg";
+  std::string format;
 };
 
 using Command = std::function<int()>;
@@ -61,21 +61,25 @@ void addReading(CLI::App& app, Options& o, Command& command) {
       ->type_name("BYTE");
   watch->callback([&] { command = [&] { return runWatch(o.seconds, o.eventsFrom); }; });
 
-  CLI::App* grab = app.add_subcommand("grab", "store the newest picture");
+  CLI::App* grab = app.add_subcommand("grab", "store a picture");
   grab->add_option("FILE", o.file, "\"-\" is standard output")->required()->type_name("");
   grab->callback([&] { command = [&] { return runGrab(o.file); }; });
 
   CLI::App* dump = app.add_subcommand("dump", "write the stream to standard output");
-  dump->add_option("FORMAT", o.format,
-                   "mjpeg: the pictures alone (usual); raw: every frame after its record")
-      ->check(oneOf({"mjpeg", "raw"}))
-      ->type_name("mjpeg|raw");
-  dump->add_option("--frames", o.frames, "end after so many frames")
+  static const std::map<std::string, DumpFormat> formats = {
+      {"mjpeg", DumpFormat::kMjpeg}, {"mpeg4", DumpFormat::kMpeg4}, {"raw", DumpFormat::kRaw}};
+  dump->add_option(
+          "FORMAT,--format", o.format,
+          "mjpeg: JPEG pictures; mpeg4: the stream from a key picture on; usually what the "
+          "camera delivers of the two; raw: every frame after its record")
+      ->check(oneOf({"mjpeg", "mpeg4", "raw"}))
+      ->type_name("mjpeg|mpeg4|raw");
+  dump->add_option("--frames", o.frames, "end after so many pictures (raw: frames)")
       ->check(CLI::Range(1L, long{INT_MAX}).description(""))
       ->type_name("COUNT");
   dump->callback([&] {
     command = [&] {
-      return runDump(o.format == "raw" ? DumpFormat::kRaw : DumpFormat::kMjpeg, o.frames);
+      return runDump(o.format.empty() ? DumpFormat::kAny : formats.at(o.format), o.frames);
     };
   });
 }
