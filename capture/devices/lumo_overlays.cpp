@@ -43,10 +43,7 @@ void TLumoCam::showImage(bool load) {
     return;
   }
   if (overlay_.enable == 0) return;
-  if (load && !setOverlayImage(overlay_.image1, overlay_.image2)) {
-    overlay_.enable = 0;
-    return;
-  }
+  if (load && !setOverlayImage(overlay_.image1, overlay_.image2)) return;
   overlay_.transparency = kImageTransparency;
   ioctl2(kVicamSetGposdXpos, &overlay_.x, "SET_GPOSD_XPOS");
   ioctl2(kVicamSetGposdYpos, &overlay_.y, "SET_GPOSD_YPOS");

@@ -2,6 +2,7 @@
 #include <array>
 
 #include "platform/media.h"
+#include "record/avi_writer.h"
 #include "record/jpg_writer.h"
 #include "tests/unit/capture/devices/lumo_fixture.h"
 
@@ -546,6 +547,25 @@ TEST_F(LumoCam, TheSizeIsRightAgainAfterASpellOfMpeg4) {
     camera->setMode(between);
     EXPECT_EQ(userdata(*camera, 0), kMpeg4);
   }
+}
+
+// A key frame needs its header before anybody asks for the text.
+TEST_F(LumoCam, TheSizeIsRightAgainThoughTheHeaderWasFetchedForRecordersAlone) {
+  const auto camera = inMode(1);
+  camera->setResolution(7);
+  const std::string size = userdata(*camera, 0);
+  camera->setMode(0);
+  drivers.onChunk = [](char* buffer, long room) {
+    return FakeDrivers::give(std::string("\0\0\1\xB6\x10 key", 9), buffer, room);
+  };
+  aviWriter()->addRef(this);
+  std::string frame(kFrameBytes, '\0');
+  drivers.take();
+  for (int i = 0; i < 3; ++i) camera->getImage(&frame[0], TWriter::getFrameSize(sbVideo()));
+  aviWriter()->delRef(this);
+  EXPECT_THAT(drivers.take(), testing::Contains("encoder 01200000 ?"));
+  camera->setMode(1);
+  EXPECT_EQ(userdata(*camera, 0), size);
 }
 
 // The camera's field alone may change too: a mode that a new camera starts in is not set.

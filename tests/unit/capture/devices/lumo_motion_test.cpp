@@ -73,6 +73,18 @@ class LumoMotion : public LumoFixture {
     frame();
   }
 
+  // Both windows are on with this level, above their thresholds; their files now say off.
+  void startBoth(int level) {
+    putFile(1, window(1, 11, 12, 13, 14, 15));
+    putFile(2, window(1, 21, 22, 23, 24, 25));
+    set(2);
+    drivers.level[0] = drivers.level[1] = level;
+    poll();
+    putFile(1, window(0, 11, 12, 13, 14, 15));
+    putFile(2, window(0, 21, 22, 23, 24, 25));
+    fake.clearCalls();
+  }
+
   const Trace kFirstOff = {"sensor 400456FE 0"};
   const Trace kSecondOff = {"sensor 4004570B 0"};
   std::unique_ptr<Lumo> camera;
@@ -100,14 +112,7 @@ TEST_F(LumoMotion, BothWindowsAreProgrammedFromTheConfiguration) {
 }
 
 TEST_F(LumoMotion, TheFirstWindowAloneLeavesTheSecondAsItIs) {
-  putFile(1, window(1, 11, 12, 13, 14, 15));
-  putFile(2, window(1, 21, 22, 23, 24, 25));
-  set(2);
-  drivers.level[1] = 26;
-  poll();
-  fake.clearCalls();
-  putFile(1, window(0, 0, 0, 0, 0, 0));
-  putFile(2, window(0, 0, 0, 0, 0, 0));
+  startBoth(26);
   EXPECT_EQ(set(0), kFirstOff);
   EXPECT_THAT(fake.calls(), ElementsAre("open(/tmp/motion1.dat)"));
   EXPECT_TRUE(camera->getMotionStatus(1));
@@ -115,18 +120,11 @@ TEST_F(LumoMotion, TheFirstWindowAloneLeavesTheSecondAsItIs) {
 }
 
 TEST_F(LumoMotion, TheSecondWindowAloneLeavesTheFirstAsItIs) {
-  putFile(1, window(1, 11, 12, 13, 14, 15));
-  putFile(2, window(1, 21, 22, 23, 24, 25));
-  set(2);
-  drivers.level[0] = 16;
-  poll();
-  fake.clearCalls();
-  putFile(1, window(0, 0, 0, 0, 0, 0));
-  putFile(2, window(0, 0, 0, 0, 0, 0));
+  startBoth(26);
   EXPECT_EQ(set(1), kSecondOff);
   EXPECT_THAT(fake.calls(), ElementsAre("open(/tmp/motion2.dat)"));
   EXPECT_TRUE(camera->getMotionStatus(0));
-  EXPECT_EQ(userdata(*camera, 1), "16");
+  EXPECT_EQ(userdata(*camera, 1), "26");
 }
 
 TEST_F(LumoMotion, AnyOtherValueProgramsNothing) {
@@ -200,14 +198,9 @@ TEST_F(LumoMotion, AWindowOfTheConfigurationIsCutToo) {
 }
 
 TEST_F(LumoMotion, AMissingFileSwitchesItsWindowOff) {
-  putFile(1, window(1, 11, 12, 13, 14, 15));
-  putFile(2, window(1, 21, 22, 23, 24, 25));
-  drivers.level[0] = drivers.level[1] = 90;
-  set(2);
-  poll();
+  startBoth(90);
   fake.files.remove("/tmp/motion1.dat");
   fake.files.remove("/tmp/motion2.dat");
-  fake.clearCalls();
   EXPECT_EQ(set(2), both(kFirstOff, kSecondOff));
   EXPECT_THAT(fake.callsWith("log"), ElementsAre("log 2 fopen(/tmp/motion1.dat) fail",
                                                  "log 2 fopen(/tmp/motion2.dat) fail"));
@@ -418,6 +411,22 @@ TEST_F(LumoMotion, AWindowThatIsOffNeverReportsMotionWhateverItsThresholdWas) {
   EXPECT_FALSE(camera->getMotionStatus(0)) << "at once, with its last level";
   poll();
   EXPECT_FALSE(camera->getMotionStatus(0)) << "and with none";
+}
+
+TEST_F(LumoMotion, AWindowThatWasOffBeginsWithoutALevel) {
+  startBoth(99);
+  set(2);
+  poll();
+  putFile(1, window(1, 11, 12, 13, 14, 15));
+  putFile(2, window(1, 21, 22, 23, 24, 25));
+  set(2);
+  for (const int index : {0, 1}) {
+    EXPECT_FALSE(camera->getMotionStatus(index));
+    EXPECT_EQ(userdata(*camera, index + 1), "0");
+  }
+  poll();
+  EXPECT_TRUE(camera->getMotionStatus(0));
+  EXPECT_TRUE(camera->getMotionStatus(1));
 }
 
 TEST_F(LumoMotion, OneWindowsLevelIsNotTheOthers) {
