@@ -17,12 +17,6 @@
 
 namespace {
 
-// The bytes of an argument on their way to the hardware and back.
-struct Transfer {
-  std::size_t out;
-  std::size_t back;
-};
-
 // Sends all of `parts`, which is used up. Returns false with `errno`: EFAULT when the caller's
 // bytes can't be read, otherwise EIO.
 bool sendAll(int fd, iovec* parts, int count) {
@@ -110,26 +104,20 @@ std::size_t imageSize(const void* argument) {
   return size < kMax ? size : kMax;
 }
 
-Transfer transferOf(Argument kind, const void* argument) {
+// Returns how many bytes of the argument the hardware is to see.
+std::size_t bytesOut(Argument kind, const void* argument) {
   switch (kind) {
-    case Argument::kWord:
-      return {sizeof(std::int32_t), sizeof(std::int32_t)};
     case Argument::kHeader:
-      return {0, kMpg430HeaderBytes};
-    case Argument::kColour:
-      return {sizeof(TMpg430Colour), 0};
-    case Argument::kPicture:
-      return {sizeof(TVideoPicture), sizeof(TVideoPicture)};
-    case Argument::kWindow:
-      return {sizeof(TVideoWindow), 0};
+      return 0;
     case Argument::kText: {
       const std::size_t length = strnlen(static_cast<const char*>(argument), kTextMax);
-      return {length < kTextMax ? length + 1 : kTextMax, 0};
+      return length < kTextMax ? length + 1 : kTextMax;
     }
     case Argument::kImage:
-      return {imageSize(argument), 0};
+      return imageSize(argument);
+    default:
+      return argumentSize(kind);
   }
-  return {0, 0};
 }
 
 }  // namespace
@@ -174,16 +162,18 @@ long readNode(int fd, void* buffer, std::size_t size) {
 }
 
 int controlNode(int fd, unsigned request, void* argument) {
-  Transfer transfer{0, 0};
+  std::size_t out = 0;
+  std::size_t back = 0;
   if (const Request* const known = findRequest(request)) {
     if (argument == nullptr) {
       errno = EFAULT;
       return -1;
     }
-    transfer = transferOf(known->argument, argument);
+    out = bytesOut(known->argument, argument);
+    if (argumentComesBack(known->argument)) back = argumentSize(known->argument);
   }
-  if (!sendCall(fd, CallKind::kIoctl, request, argument, transfer.out)) return -1;
-  return receive(fd, argument, transfer.back);
+  if (!sendCall(fd, CallKind::kIoctl, request, argument, out)) return -1;
+  return receive(fd, argument, back);
 }
 
 void setNodeOwner(int fd, int owner) {

@@ -19,6 +19,31 @@ enum class Argument {
 };
 constexpr std::size_t kTextMax = 256;
 
+// Returns how many bytes an argument has; 0 when it tells that itself.
+constexpr std::size_t argumentSize(Argument kind) {
+  switch (kind) {
+    case Argument::kWord:
+      return sizeof(std::int32_t);
+    case Argument::kHeader:
+      return kMpg430HeaderBytes;
+    case Argument::kColour:
+      return sizeof(TMpg430Colour);
+    case Argument::kPicture:
+      return sizeof(TVideoPicture);
+    case Argument::kWindow:
+      return sizeof(TVideoWindow);
+    case Argument::kText:
+    case Argument::kImage:
+      break;
+  }
+  return 0;
+}
+
+// Returns true iff what the hardware leaves in the argument is for the caller.
+constexpr bool argumentComesBack(Argument kind) {
+  return kind == Argument::kWord || kind == Argument::kHeader || kind == Argument::kPicture;
+}
+
 enum class Node { kEncoder, kSensor };
 constexpr char kEncoderPath[] = "/dev/mpg430";
 constexpr char kSensorPath[] = "/dev/video0";

@@ -53,30 +53,6 @@ bool sendReply(int fd, int result, const std::vector<char>& bytes) {
   return true;
 }
 
-// Returns how many bytes an argument of this kind must have; 0 when that is told by itself.
-std::size_t fixedSize(Argument kind) {
-  switch (kind) {
-    case Argument::kWord:
-      return sizeof(std::int32_t);
-    case Argument::kHeader:
-      return kMpg430HeaderBytes;
-    case Argument::kColour:
-      return sizeof(TMpg430Colour);
-    case Argument::kPicture:
-      return sizeof(TVideoPicture);
-    case Argument::kWindow:
-      return sizeof(TVideoWindow);
-    case Argument::kText:
-    case Argument::kImage:
-      return 0;
-  }
-  return 0;
-}
-
-bool goesBack(Argument kind) {
-  return kind == Argument::kWord || kind == Argument::kHeader || kind == Argument::kPicture;
-}
-
 }  // namespace
 
 struct NodeServer::Connection {
@@ -229,12 +205,12 @@ int NodeServer::control(const Chip& chip, unsigned number, std::vector<char>* by
   int result = -EINVAL;
   std::vector<char> before;
   if (request != nullptr && request->node == chip.node) {
-    const std::size_t size = fixedSize(request->argument);
+    const std::size_t size = argumentSize(request->argument);
     if (size != 0) bytes->resize(size);
     before = *bytes;
     result = chip.device->ioctl(number, bytes);
   }
   if (trace_->isOpen()) trace_->add(describeRequest(request, number, before, result, *bytes));
-  if (result < 0 || request == nullptr || !goesBack(request->argument)) bytes->clear();
+  if (result < 0 || request == nullptr || !argumentComesBack(request->argument)) bytes->clear();
   return result;
 }

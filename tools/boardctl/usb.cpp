@@ -49,6 +49,7 @@ std::vector<pid_t> boxesOf(const std::string& folder) {
     if (mounts != 0 && mounts != namespaceOf(0, "mnt")) boxes[mounts] = pid;
   }
   std::vector<pid_t> pids;
+  pids.reserve(boxes.size());
   for (const auto& box : boxes) pids.push_back(box.second);
   return pids;
 }
