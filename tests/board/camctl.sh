@@ -51,6 +51,8 @@ test_status_names_every_slot_and_reader() {
   camctl status >"$work/status"
   grep -q "^camera   $board, process $daemon\$" "$work/status" || fail "no process"
   grep -q '^status   input off, output1 off, ' "$work/status" || fail "no status"
+  grep -qE "^frame    [0-9]+, JPEG, $(stat -c %s "$picture") bytes, motion 1 off, motion 2 off\$" "$work/status" ||
+    fail "no frame"
   grep -q '^  *0  frame-count ' "$work/status" || fail "no frame count"
   grep -q '^  *22  package  *' "$work/status" || fail "no package"
   grep -q "written by video_svr ($daemon), used by camctl" "$work/status" || fail "no users"
@@ -172,6 +174,82 @@ test_dump_is_the_stream() {
   if command -v ffprobe >/dev/null; then
     expect "$(ffprobe -v error -f mjpeg -count_frames -select_streams v -of csv=p=0 \
       -show_entries stream=nb_read_frames "$work/three")" 3 "pictures"
+  fi
+}
+
+# of_stream FILE WHAT: the pictures' sizes or types in their order, on one line.
+of_stream() {
+  ffprobe -v error -f m4v -of csv=p=0 -show_entries "frame=$2" "$1" | uniq | tr '\n' ' '
+}
+
+test_dump_of_an_encoder_is_its_stream() {
+  command -v ffprobe >/dev/null || skip "ffmpeg is not installed"
+  configure Video IpRatio 4
+  start_model K310
+  camctl dump --frames 12 >"$work/stream"
+  expect "$(head -c 4 "$work/stream" | od -An -tx1 | tr -d ' ')" 00000100 "beginning"
+  expect "$(ffmpeg -v error -xerror -err_detect explode -f m4v -i "$work/stream" -f null - 2>&1)" "" errors
+  expect "$(ffprobe -v error -f m4v -of csv=p=0 -show_entries frame=pict_type "$work/stream" | tr -d '\n')" \
+    IPPPPIPPPPIP pictures
+  expect "$(exit_of camctl dump --format mpeg4 --frames 1)" 0 "format as an option"
+  expect "$(exit_of camctl dump mjpeg)" 4 "JPEG pictures"
+  expect "$(camctl dump mjpeg 2>&1 >/dev/null)" "camctl: the camera delivers no JPEG picture" message
+}
+
+test_dump_goes_on_with_each_header() {
+  command -v ffprobe >/dev/null || skip "ffmpeg is not installed"
+  configure Video IpRatio 2
+  start_model B520
+  "$build/tools/camctl" --board "$board" dump >"$work/stream" &
+  local dump=$! resolution size
+  boxes+=("$dump")
+  eventually 10 test -s "$work/stream"
+  for resolution in 8 10 7; do
+    settle resolution $resolution
+    size=$(stat -c %s "$work/stream")
+    # Some pictures of the one size before the next.
+    grown() { [ "$(stat -c %s "$work/stream")" -gt $((size + 20000)) ]; }
+    eventually 10 grown
+  done
+  settle mode 1
+  kill $dump
+  wait $dump || fail "status $?"
+  of_stream "$work/stream" width,height >"$work/sizes"
+  expect "$(cat "$work/sizes")" '640,480 320,240 160,120 640,480 ' sizes
+  # Pictures come without a time, of which the program that shows them complains.
+  expect "$(ffmpeg -v error -f m4v -i "$work/stream" -fps_mode passthrough -f null - 2>&1 | grep -v 'increasing dts')" \
+    "" errors
+}
+
+test_dump_of_a_sensor_is_its_pictures() {
+  command -v ffprobe >/dev/null || skip "ffmpeg is not installed"
+  configure Video CompressionType 1
+  start_model B520
+  camctl dump --frames 5 >"$work/stream"
+  expect "$(ffprobe -v error -f mjpeg -count_frames -of csv=p=0 -show_entries stream=width,height,nb_read_frames \
+    "$work/stream")" 640,480,5 pictures
+  expect "$(camctl dump mpeg4 2>&1 >/dev/null)" "camctl: the camera delivers no MPEG-4 picture" message
+}
+
+test_grab_of_an_encoder_is_a_film_of_one_picture() {
+  command -v ffprobe >/dev/null || skip "ffmpeg is not installed"
+  start_model K310
+  camctl grab "$work/now.avi"
+  expect "$(ffprobe -v warning -count_frames -of csv=p=0 -show_entries stream=width,height,r_frame_rate,nb_read_frames \
+    "$work/now.avi" 2>&1)" 640,480,1/1,1 "what a player sees"
+  expect "$(ffmpeg -v error -xerror -i "$work/now.avi" -f null - 2>&1)" "" errors
+}
+
+test_status_shows_the_newest_frame_and_motion() {
+  configure Motion1 Enable 1
+  configure Motion2 Enable 0
+  start_model B520
+  camctl status | grep -qE '^frame    [0-9]+, MPEG-4, 640x480, [0-9]+ bytes, motion 1 [0-9]+, motion 2 off$' ||
+    fail "$(camctl status | grep ^frame)"
+  if command -v jq >/dev/null; then
+    camctl status --json >"$work/json"
+    expect "$(jq -r '.frame.kind, .frame.width, .frame.height' "$work/json" | tr '\n' ' ')" "MPEG-4 640 480 " frame
+    expect "$(jq -r '.frame.motion[1]' "$work/json")" "" "a window that is off"
   fi
 }
 

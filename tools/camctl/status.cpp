@@ -8,6 +8,7 @@
 #include "platform/linux/stream_buffer_inspect.h"
 #include "platform/stream_buffer.h"
 #include "tools/camctl/commands.h"
+#include "tools/camctl/newest_frame.h"
 #include "tools/camctl/slots.h"
 #include "tools/camctl/status_json.h"
 
@@ -62,6 +63,20 @@ void printBuffer(const char* name, SB_HANDLE* handle) {
   printHolders(buffer);
 }
 
+std::string motionLevel(const std::string& level) { return level.empty() ? "off" : level; }
+
+void printNewestFrame() {
+  NewestFrame frame;
+  if (!findNewestFrame(&frame)) {
+    std::puts("frame    none");
+    return;
+  }
+  std::printf("frame    %" PRIu32 ", %s, ", frame.number, kindName(frame.kind));
+  if (frame.size.width > 0) std::printf("%dx%d, ", frame.size.width, frame.size.height);
+  std::printf("%zu bytes, motion 1 %s, motion 2 %s\n", frame.length,
+              motionLevel(frame.motion[0]).c_str(), motionLevel(frame.motion[1]).c_str());
+}
+
 }  // namespace
 
 int runStatus(const std::string& camera, int pid, bool json) {
@@ -73,6 +88,7 @@ int runStatus(const std::string& camera, int pid, bool json) {
   std::printf("camera   %s, process %d\n", camera.empty() ? "this machine" : camera.c_str(), pid);
   std::printf("status   %s\n", inWords(statusFields(slots[kSlotStatus].value), true).c_str());
   std::printf("format   %s\n", inWords(formatFields(slots[kSlotFormat].value), true).c_str());
+  printNewestFrame();
   printSlots(slots);
   std::puts("\nbuffers");
   printBuffer("video", sbVideo());

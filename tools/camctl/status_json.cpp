@@ -5,6 +5,7 @@
 #include "platform/linux/stream_buffer_inspect.h"
 #include "platform/stream_buffer.h"
 #include "tools/camctl/json.h"
+#include "tools/camctl/newest_frame.h"
 #include "tools/camctl/slots.h"
 
 namespace {
@@ -49,6 +50,17 @@ void addBuffer(Json* json, const char* name, SB_HANDLE* handle) {
   json->endList().endObject();
 }
 
+void addNewestFrame(Json* json) {
+  NewestFrame frame;
+  if (!findNewestFrame(&frame)) return;
+  json->key("frame").beginObject().key("number").value(frame.number);
+  json->key("kind").value(kindName(frame.kind));
+  json->key("width").value(frame.size.width).key("height").value(frame.size.height);
+  json->key("length").value(static_cast<std::int64_t>(frame.length)).key("motion").beginList();
+  for (const std::string& level : frame.motion) json->value(level);
+  json->endList().endObject();
+}
+
 }  // namespace
 
 std::string statusJson(const std::string& camera, int pid) {
@@ -59,6 +71,7 @@ std::string statusJson(const std::string& camera, int pid) {
     const std::vector<sb::SlotState> slots = sb::inspect(sbVideo()).slots;
     addFields(&json, "status", statusFields(slots[kSlotStatus].value));
     addFields(&json, "format", formatFields(slots[kSlotFormat].value));
+    addNewestFrame(&json);
     addSlots(&json, slots);
     json.key("buffers").beginObject();
     addBuffer(&json, "video", sbVideo());
