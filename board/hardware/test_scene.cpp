@@ -23,7 +23,8 @@ constexpr int kRampTop = kSceneHeight - 60;
 constexpr Colour kBall = {235, 128, 128};
 constexpr Colour kRim = {16, 128, 128};
 constexpr int kRimWidth = 3;
-constexpr int kBallMax = 60;  // radius
+constexpr int kBallMin = 2;  // radius
+constexpr int kBallMax = 60;
 
 // Pixels a second; neither is a multiple of the other or of a rate, so that the ball is never where
 // it was a picture ago.
@@ -60,12 +61,12 @@ Rectangle wholePixels(const Rectangle& area) {
           end(area.y, area.height, kSceneHeight) - top};
 }
 
-// Where something is at that time that runs to and fro over `range` pixels. A short way takes long
-// enough to be seen.
+// Where something is at that time that runs to and fro over `range` pixels. On a short way it is
+// slower, or it would be seen where it turns only.
 int bounce(std::int64_t timeMs, int range, int speed) {
-  constexpr int kWaysPerSecond = 6;
+  constexpr int kShortWay = 24;
   if (range < 1) return 0;
-  const int used = std::min(speed, range * kWaysPerSecond);
+  const std::int64_t used = std::int64_t{speed} * std::min(range, kShortWay) / kShortWay;
   const std::int64_t way = timeMs * used / 1000 % (2 * range);
   return static_cast<int>(way <= range ? way : 2 * range - way);
 }
@@ -83,8 +84,9 @@ void fillCircle(AVFrame* picture, int plane, int x, int y, int radius, std::uint
 }
 
 void drawBall(std::int64_t timeMs, const Rectangle& area, AVFrame* picture) {
-  const int radius = std::min({area.width / 4, area.height / 4, kBallMax});
-  if (radius < 1) return;
+  const int room = std::min(area.width, area.height);
+  if (room < 2 * kBallMin) return;
+  const int radius = std::clamp(room / 4, kBallMin, kBallMax);
   const int x = area.x + radius + bounce(timeMs, area.width - 2 * radius, kSpeedX);
   const int y = area.y + radius + bounce(timeMs, area.height - 2 * radius, kSpeedY);
   fillCircle(picture, 0, x, y, radius, kRim.y);
