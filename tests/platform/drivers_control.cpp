@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -54,7 +55,7 @@ class BoardControl : public Drivers {
 
   NotingScene* scene_;
   World world_;
-  int standardChanges_ = 0;
+  std::atomic<int> standardChanges_{0};
   Control control_{{"B520", "test", &world_, &faults_, &trace_, server_.get()}};
   std::string text_;
 };
@@ -224,6 +225,9 @@ TEST(BoardPaths, AFolderOfAnyLengthIsABoard) {
   std::thread answering([&] {
     const int fd = listener.accept();
     EXPECT_GE(fd, 0);
+    char line[8] = "";
+    EXPECT_EQ(::read(fd, line, sizeof line), 5);
+    EXPECT_STREQ(line, "heal\n");
     EXPECT_EQ(::write(fd, "ok\n", 3), 3);
     ::close(fd);
   });
