@@ -19,7 +19,7 @@ int fcntl(int fd, int command, long argument);
 int getpid();
 
 // Calls `handler` whenever the process gets `signal`, on the main thread; calls that it interrupts
-// start over. Returns 0, or -1 when there is no such signal. Any thread.
+// start over. Returns 0, or -1 with `errno` when there is no such signal. Thread: the main one.
 int onSignal(int signal, void (*handler)(int));
 
 // Pauses of the calling thread, on the monotonic clock: a step of the wall clock changes nothing.

@@ -88,7 +88,13 @@ int onSignal(int signal, void (*handler)(int)) {
   action.sa_handler = handler;
   action.sa_flags = SA_RESTART;
   sigemptyset(&action.sa_mask);
-  return sigaction(signal, &action, nullptr);
+  if (sigaction(signal, &action, nullptr) != 0) return -1;
+  // What the parent of the process had blocked must not make it deaf.
+  sigset_t wanted;
+  sigemptyset(&wanted);
+  sigaddset(&wanted, signal);
+  pthread_sigmask(SIG_UNBLOCK, &wanted, nullptr);
+  return 0;
 }
 
 unsigned sleep(unsigned seconds) {
