@@ -49,16 +49,20 @@ bool sendAll(int fd, iovec* parts, int count) {
   return true;
 }
 
+// Returns true iff something has come; otherwise sets `errno`.
+bool checkReceived(int fd, ssize_t come) {
+  if (come > 0) return true;
+  // What is left of the reply would be taken for the next one.
+  if (come < 0) shutdown(fd, SHUT_RDWR);
+  errno = come < 0 && errno == EFAULT ? EFAULT : EIO;
+  return false;
+}
+
 bool receiveAll(int fd, void* buffer, std::size_t size) {
   for (char* to = static_cast<char*>(buffer); size > 0;) {
     const ssize_t come = recv(fd, to, size, MSG_WAITALL);
     if (come < 0 && errno == EINTR) continue;
-    if (come <= 0) {
-      // What is left of the reply would be taken for the next one.
-      if (come < 0) shutdown(fd, SHUT_RDWR);
-      errno = come < 0 && errno == EFAULT ? EFAULT : EIO;
-      return false;
-    }
+    if (!checkReceived(fd, come)) return false;
     to += come;
     size -= static_cast<std::size_t>(come);
   }
@@ -83,11 +87,29 @@ bool sendCall(int fd, CallKind kind, std::uint32_t word, const void* bytes, std:
 
 // Waits for the reply and puts at most `capacity` of its bytes into `buffer`. Returns the result as
 // system calls do.
+//
+// The hardware sends a reply in one piece, so that one call takes it mostly. There is nothing
+// behind it to be taken by mistake: the next reply answers the next call.
 int receive(int fd, void* buffer, std::size_t capacity) {
   Reply reply{};
-  if (!receiveAll(fd, &reply, sizeof reply)) return -1;
+  iovec parts[] = {{&reply, sizeof reply}, {buffer, capacity}};
+  msghdr message{};
+  message.msg_iov = parts;
+  message.msg_iovlen = capacity > 0 ? 2 : 1;
+  ssize_t come = 0;
+  do {
+    come = recvmsg(fd, &message, 0);
+  } while (come < 0 && errno == EINTR);
+  if (!checkReceived(fd, come)) return -1;
+  auto got = static_cast<std::size_t>(come);
+  if (got < sizeof reply) {
+    if (!receiveAll(fd, reinterpret_cast<char*>(&reply) + got, sizeof reply - got)) return -1;
+    got = sizeof reply;
+  }
+  got -= sizeof reply;
   const std::size_t fitting = reply.size < capacity ? reply.size : capacity;
-  if (!receiveAll(fd, buffer, fitting) || !discard(fd, reply.size - fitting)) return -1;
+  if (got < fitting && !receiveAll(fd, static_cast<char*>(buffer) + got, fitting - got)) return -1;
+  if (!discard(fd, reply.size - fitting)) return -1;
   if (reply.result >= 0) return reply.result;
   errno = -reply.result;
   return -1;
