@@ -7,6 +7,7 @@ slow=1
 if grep -q '^VS_SANITIZE:[A-Z]*=.' "$build/CMakeCache.txt"; then slow=4; fi
 
 usb=disk  # what start_daemon plugs in: see board/enter --usb
+drivers=''  # the library that the daemon has in the place of the kernel's drivers
 boxes=()  # processes to be ended with the test
 
 fail() {
@@ -89,11 +90,13 @@ exit_of() {
 
 # launch PROGRAM [ARGUMENT...]: starts a program in the board; $box is the process around it.
 launch() {
+  local arguments=()
+  [ -z "$drivers" ] || [ "$1" != "$build/core/video_svr" ] || arguments=(--drivers "$drivers")
   VS_LOG=stderr TZ=UTC \
     ASAN_OPTIONS=log_path=/var/log/camera/sanitizer:detect_stack_use_after_return=1 \
     UBSAN_OPTIONS=log_path=/var/log/camera/sanitizer:print_stacktrace=1 \
     TSAN_OPTIONS=log_path=/var/log/camera/sanitizer \
-    "$root/board/enter" --usb "$usb" "$board" "$@" >>"$work/output" 2>>"$log" </dev/null &
+    "$root/board/enter" --usb "$usb" "${arguments[@]}" "$board" "$@" >>"$work/output" 2>>"$log" </dev/null &
   box=$!
   boxes+=("$box")
 }
@@ -123,6 +126,58 @@ start_camera() {
   start_daemon "$@"
   eventually 10 camera_is_up
   eventually 20 events_are_built
+}
+
+# --- cameras with virtual hardware ----------------------------------------------------------------
+
+boardctl() { "$build/tools/boardctl" --board "$board" "$@"; }
+
+# start_hardware [OPTION OF hardware...]: the chips; $hardware is their process.
+start_hardware() {
+  rm -f -- "$board/run/camera/boardctl"
+  "$build/board/hardware/hardware" --board "$board" "$@" >>"$log" 2>&1 </dev/null &
+  hardware=$!
+  boxes+=("$hardware")
+  hardware_is_up() { is_gone "$hardware" || [ -S "$board/run/camera/boardctl" ]; }
+  eventually 10 hardware_is_up
+  ! is_gone "$hardware" || fail "the hardware can't be started"
+}
+
+# start_model MODEL [OPTION OF video_svr...]: hardware, drivers and the daemon, which delivers frames.
+start_model() {
+  local model=$1
+  shift
+  start_hardware --model "$model"
+  drivers=$build/board/drivers/libvs_drivers.so
+  start_daemon "-$model" -mv "$@"
+  eventually 10 camera_is_up
+  eventually 10 has_frames
+}
+
+# configure SECTION KEY VALUE: sets it in the board's /etc/camera.conf.
+configure() {
+  local file=$board/etc/camera.conf
+  # Of a key that is there twice the last value counts, and so does a section's last part.
+  printf '\n[%s]\n%s = %s\n' "$1" "$2" "$3" >>"$file"
+}
+
+# check_stream [OPTION OF stream_check...]: judges the stream; what it saw is in $work/seen.
+check_stream() { "$build/tests/board/stream_check/stream_check" --board "$board" "$@" >"$work/seen"; }
+seen() { jq -r "$1" "$work/seen"; }
+# judge_stream: the same, and the test fails when there is an error.
+judge_stream() { check_stream "$@" || fail "$(cat "$work/seen")"; }
+
+# settle NAME VALUE: writes a setting and waits until the camera has taken it.
+settle() {
+  camctl set "$1" "$2"
+  taken() { ! camctl status | awk -v name="$1" '$2 == name {print $3}' | grep -q '\*$'; }
+  eventually 5 taken "$1"
+}
+
+# brightness_of PICTURE X Y WIDTH HEIGHT: the mean of a part of a PNG file, 0 to 255.
+brightness_of() {
+  ffmpeg -v error -i "$1" -vf "crop=$4:$5:$2:$3,scale=1:1:flags=area,format=gray" -f rawvideo - |
+    od -An -tu1 | tr -d ' '
 }
 
 # stop_daemon [SIGNAL]: ends the daemon; $took is how many ms that needed, $status its exit status.

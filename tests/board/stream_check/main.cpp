@@ -22,6 +22,7 @@ constexpr char kUsage[] =
     "  --for SECONDS     how long at most; by default 10. SIGTERM ends it too.\n"
     "  --pictures N      or until so many pictures\n"
     "  --last FILE       store the newest picture as PNG\n"
+    "  --write SLOT=N    write a status slot first, as any program may\n"
     "  --shake N         change settings N times meanwhile, at random, one to three with each "
     "frame\n"
     "  --shake-modes N   the same with the streaming mode among them\n"
@@ -31,7 +32,7 @@ constexpr char kUsage[] =
 volatile std::sig_atomic_t ended = 0;
 
 struct Options {
-  std::string board, stream = "video", last;
+  std::string board, stream = "video", last, write;
   long seconds = 10, pictures = 0, shake = 0;
   bool modes = false;
   unsigned seed = 1;
@@ -48,6 +49,8 @@ bool parse(int argc, char** argv, Options* options) {
       options->stream = value;
     else if (name == "--last")
       options->last = value;
+    else if (name == "--write")
+      options->write = value;
     else if (name == "--for")
       options->seconds = number;
     else if (name == "--pictures")
@@ -89,9 +92,18 @@ int main(int argc, char** argv) {
   StreamCheck check(second);
   Shaker shaker(options.shake, options.seed, options.modes);
   const std::uint32_t begun = monotonicMs();
+  if (!options.write.empty()) {
+    const std::size_t value = options.write.find('=') + 1;  // without one: the whole text
+    sbSetUserdata(sbVideo(), std::atoi(options.write.c_str()),
+                  std::atoi(options.write.c_str() + value));
+  }
   RawFrame frame;
+  const auto enough = [&] {
+    return (options.pictures > 0 || options.shake > 0) && shaker.left() == 0 &&
+           check.pictures() >= options.pictures;
+  };
   while (ended == 0 && monotonicMs() - begun < static_cast<std::uint32_t>(1000 * options.seconds) &&
-         (options.pictures == 0 || check.pictures() < options.pictures || shaker.left() > 0)) {
+         !enough()) {
     if ((second ? sbVideo2() : sbVideo()) == nullptr) {
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
       continue;

@@ -1,5 +1,7 @@
 #include "tests/board/stream_check/shaker.h"
 
+#include <iterator>
+
 #include "core/status_slots.h"
 #include "platform/stream_buffer.h"
 
@@ -10,11 +12,13 @@ constexpr int kLastMode = kModes - 1;
 constexpr int kEmptyResolution = 9;
 constexpr int kLastResolution = 10;
 constexpr int kQuantisers = 31;
+constexpr int kMostAtOnce = 5;
+constexpr int kRates[] = {0, 0, 0, 0, 1, 2, 4};  // slow ones cost the test its time
 
 }  // namespace
 
 void Shaker::step() {
-  for (int more = upTo(2); more >= 0 && left_ > 0; --more, --left_) change();
+  for (int more = upTo(kMostAtOnce - 1); more >= 0 && left_ > 0; --more, --left_) change();
 }
 
 void Shaker::change() {
@@ -27,7 +31,7 @@ void Shaker::change() {
       break;
     }
     case 2:
-      sbSetUserdata(video, kSlotFramerate, upTo(4));  // slower ones cost the test its time
+      sbSetUserdata(video, kSlotFramerate, kRates[upTo(static_cast<int>(std::size(kRates)) - 1)]);
       break;
     case 3:
       sbSetUserdata(video, kSlotCompression, 1 + upTo(kQuantisers - 1));

@@ -10,7 +10,7 @@ class Shaker {
   // `changes`: how many. `modes`: also changes the streaming mode, which needs the sensor camera.
   Shaker(long changes, unsigned seed, bool modes) : left_(changes), random_(seed), modes_(modes) {}
 
-  // Changes one to three settings.
+  // Changes one to five settings.
   void step();
   long left() const { return left_; }
 
