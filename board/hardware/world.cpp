@@ -1,20 +1,11 @@
 #include "board/hardware/world.h"
 
-#include <chrono>
 #include <utility>
 
-namespace {
-
-std::int64_t monotonicMs() {
-  const auto now = std::chrono::steady_clock::now().time_since_epoch();
-  return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
-}
-
-}  // namespace
-
-World::World(std::unique_ptr<Scene> scene)
-    : scene_(std::move(scene)),
-      startMs_(monotonicMs()),
+World::World(std::unique_ptr<Scene> scene, Pace* pace)
+    : pace_(pace != nullptr ? pace : &realTime_),
+      scene_(std::move(scene)),
+      startMs_(pace_->nowMs()),
       last_(makePicture(kSceneWidth, kSceneHeight)) {}
 
 void World::setMoving(std::optional<Rectangle> where) {
@@ -45,7 +36,7 @@ void World::onStandardChange(std::function<void()> callback) {
   standardChanged_ = std::move(callback);
 }
 
-std::int64_t World::nowMs() const { return monotonicMs() - startMs_; }
+std::int64_t World::nowMs() const { return pace_->nowMs() - startMs_; }
 
 std::int64_t World::look(AVFrame* picture) {
   const std::lock_guard<std::mutex> lock(mutex_);

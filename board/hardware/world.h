@@ -7,6 +7,7 @@
 #include <mutex>
 #include <optional>
 
+#include "board/hardware/pace.h"
 #include "board/hardware/scene.h"
 
 enum class TvStandard { kPal, kNtsc };
@@ -16,7 +17,8 @@ class World {
  public:
   static constexpr int kPictureMs = 33;  // the sensor's own rate
 
-  explicit World(std::unique_ptr<Scene> scene);
+  // `pace`: null for the real time; not owned, must outlive it.
+  explicit World(std::unique_ptr<Scene> scene, Pace* pace = nullptr);
 
   // Something moves inside this part of the scene from now on, or nowhere.
   void setMoving(std::optional<Rectangle> where);
@@ -28,7 +30,7 @@ class World {
   TvStandard standard() const;
   void onStandardChange(std::function<void()> callback);  // before any other thread runs
 
-  // Milliseconds since the start, on the monotonic clock.
+  // Milliseconds since the start.
   std::int64_t nowMs() const;
 
   // Copies what is to be seen now into `picture`, of the scene's size. Two calls within kPictureMs
@@ -37,6 +39,8 @@ class World {
   std::int64_t look(AVFrame* picture);
 
  private:
+  Pace realTime_;
+  Pace* const pace_;
   mutable std::mutex mutex_;
   std::unique_ptr<Scene> scene_;
   std::optional<Rectangle> moving_;

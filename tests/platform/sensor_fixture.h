@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <mutex>
@@ -27,24 +28,24 @@ class Stage {
   Play play_;
 };
 
-// Time that passes when somebody waits for it.
+// Time that passes when somebody waits for it, for the scene too. Any thread.
 class PaceOfTest : public Pace {
  public:
   std::int64_t nowMs() override { return now; }
   void wait(std::int64_t untilMs, std::condition_variable* changed,
             std::unique_lock<std::mutex>* lock) override;
 
-  std::int64_t now = 1'000'000;
-  std::vector<std::int64_t> waits;
+  std::atomic<std::int64_t> now{1'000'000};
+  std::vector<std::int64_t> waits;  // under the lock that the waiting one holds
 };
 
 class SensorTest : public testing::Test {
  protected:
   SensorTest();
 
-  // Shows something else and waits until a new picture can be seen.
+  // Shows something else, in a new picture.
   void show(Stage::Play play);
-  // Waits until the world has a new picture.
+  // Lets the time pass to the next picture of the scene.
   void nextPicture();
 
   // Result of a request whose argument is a word.
@@ -59,8 +60,8 @@ class SensorTest : public testing::Test {
   std::vector<char> readJpeg(std::size_t limit = 1 << 20);
 
   Stage stage_;
-  World world_;
   PaceOfTest pace_;
+  World world_;
   Sensor sensor_;
 };
 

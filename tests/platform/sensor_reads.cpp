@@ -94,66 +94,76 @@ TEST_F(SensorReads, PicturesThatWereMissedAreNotMadeUpFor) {
   EXPECT_EQ(pace_.waits, std::vector<std::int64_t>{100});
 }
 
+// The real time, which tells when somebody waits.
+class TellingPace : public Pace {
+ public:
+  void wait(std::int64_t untilMs, std::condition_variable* changed,
+            std::unique_lock<std::mutex>* lock) override {
+    waiting = true;
+    Pace::wait(untilMs, changed, lock);
+  }
+
+  std::atomic<bool> waiting{false};
+};
+
 TEST_F(SensorReads, AFasterRateWakesAReaderWhoWaits) {
-  Sensor sensor(&world_);  // in real time
+  TellingPace pace;
+  Sensor sensor(&world_, &pace);
   std::vector<char> data;
   std::vector<char> rate = {1, 0, 0, 0};
   ASSERT_EQ(sensor.ioctl(kVicamSetFramerateId, &rate), 0);
   sensor.read(1000, &data);
-  std::atomic<bool> waiting{false};
-  const auto begin = std::chrono::steady_clock::now();
-  std::thread reader([&] {
-    waiting = true;
-    sensor.read(1000, &data);
-  });
-  while (!waiting) std::this_thread::yield();
+  const std::int64_t begin = pace.nowMs();
+  std::thread reader([&] { sensor.read(1000, &data); });
+  while (!pace.waiting) std::this_thread::yield();
   rate = {30, 0, 0, 0};
   EXPECT_EQ(sensor.ioctl(kVicamSetFramerateId, &rate), 0);
   reader.join();
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(800));
+  EXPECT_LT(pace.nowMs() - begin, 800);
 }
 
-TEST_F(SensorReads, AllMayBeAskedForAtTheSameTime) {
-  Sensor sensor(&world_);
-  std::atomic<bool> done{false};
-  std::vector<std::thread> others;
-  for (int reader = 0; reader < 2; ++reader) {
-    others.emplace_back([&] {
-      std::vector<char> data;
-      while (!done) EXPECT_GT(sensor.read(1 << 20, &data), 0);
+class SensorAtWork : public SensorTest {
+ protected:
+  // Calls `action` again and again on a thread of its own, until join().
+  void repeat(std::function<void()> action) {
+    others_.emplace_back([this, action = std::move(action)] {
+      do {
+        action();
+        ++actions_;
+      } while (!done_);
     });
   }
-  others.emplace_back([&] {
-    const Picture picture = makePicture(kSceneWidth, kSceneHeight);
-    while (!done) sensor.capture(picture.get());
-  });
-  others.emplace_back([&] {
-    std::vector<char> word(4);
-    while (!done) EXPECT_GE(sensor.ioctl(kVicamGetMdwnd1Status, &word), 0);
-  });
-  const auto request = [&sensor](unsigned number, char value) {
-    std::vector<char> argument = {value, 0, 0, 0};
-    EXPECT_EQ(sensor.ioctl(number, &argument), 0);
-  };
-  for (int round = 0; round < 20; ++round) {
-    const char odd = static_cast<char>(round % 2);
-    std::vector<char> text = {'t', static_cast<char>('a' + round), '\0'};
-    EXPECT_EQ(sensor.ioctl(kVicamSetDtosdString, &text), 0);
-    std::vector<char> image = {'O', 'S', 'D', '1', 1, 0, 1, 0, '\xFF', '\xFF'};
-    EXPECT_EQ(sensor.ioctl(kVicamSetGposdImg, &image), 0);
-    for (const unsigned number :
+  void join() {
+    done_ = true;
+    for (std::thread& other : others_) other.join();
+  }
+
+  std::atomic<int> actions_{0};
+
+ private:
+  std::atomic<bool> done_{false};
+  std::vector<std::thread> others_;
+};
+
+TEST_F(SensorAtWork, AllMayBeAskedForAtTheSameTime) {
+  for (int reader = 0; reader < 2; ++reader) repeat([this] { EXPECT_FALSE(readJpeg().empty()); });
+  repeat([this] { capture(); });
+  repeat([this] { EXPECT_GE(level(1), 0); });
+  for (int round = 0; actions_ < 200; ++round) {
+    const int odd = round % 2;
+    EXPECT_EQ(setText(kVicamSetDtosdString, "Gate " + std::to_string(round)), 0);
+    EXPECT_EQ(setImage(3, 2, 0xFFFF), 0);
+    for (const unsigned request :
          {kVicamSetDtosdEnable, kVicamSetGposdEnable, kVicamSetMdosdEnable, kVicamSetFlip,
-          kVicamSetMirror, kVicamSetNoisefilter, kVicamSetMdwnd1Enable, kVicamSetMdwnd1Width})
-      request(number, odd);
-    request(kVicamSetFramerateId, static_cast<char>(30 - odd));
-    TVideoWindow window{0, 0, odd ? 320u : 640u, 480, 0, 0, 0, 0};
-    std::vector<char> bytes(reinterpret_cast<char*>(&window),
-                            reinterpret_cast<char*>(&window) + sizeof(window));
-    EXPECT_EQ(sensor.ioctl(kVidiocswin, &bytes), 0);
+          kVicamSetMirror, kVicamSetNoisefilter, kVicamSetMdwnd1Enable})
+      EXPECT_EQ(set(request, odd), 0);
+    EXPECT_EQ(set(kVicamSetMdwnd1Width, 100 * odd), 0);
+    EXPECT_EQ(set(kVicamSetFramerateId, 30 - odd), 0);
+    EXPECT_EQ(setWindow(odd != 0 ? 320 : 640, 480), 0);
+    EXPECT_EQ(setColours({32512, 32512, 32512, 32512, 0, 24, 0}), 0);
     nextPicture();
   }
-  done = true;
-  for (std::thread& other : others) other.join();
+  join();
 }
 
 }  // namespace
