@@ -10,6 +10,7 @@
 
 #include "board/hardware/colour.h"
 #include "board/hardware/encoder_settings.h"
+#include "board/hardware/font_use.h"
 #include "board/hardware/label.h"
 #include "board/hardware/mpeg4.h"
 #include "board/hardware/pace.h"
@@ -53,6 +54,7 @@ struct Encoder::Parts {
   std::condition_variable changed;
   EncoderSettings settings;
   ColourFilter colour{kNeutralColour};
+  FontUse fonts;
   OverlayLayer label;
   bool running = false;
   unsigned starts = 0;

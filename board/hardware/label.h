@@ -6,5 +6,6 @@
 #include "board/hardware/overlay_layer.h"
 #include "board/hardware/scene.h"
 
-// Draws `text` in white on a black strip that fills `where` (small, inside the scene).
+// Draws `text` in white on a black strip that fills `where` (small, inside the scene). The caller
+// has a FontUse.
 OverlayLayer drawLabel(const std::string& text, const Rectangle& where);

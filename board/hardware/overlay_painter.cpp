@@ -1,10 +1,8 @@
 #include "board/hardware/overlay_painter.h"
 
 #include <cairo.h>
-#include <fontconfig/fontconfig.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cmath>
 #include <cstring>
 #include <memory>
@@ -17,8 +15,6 @@ constexpr double kOutlinePixels = 2.5;
 constexpr int kMarginX = 4;  // of the box, beside the text
 constexpr int kMarginY = 2;
 constexpr int kWidest = 8192;  // no text of 256 characters that is drawn by sane fonts is wider
-
-std::atomic<int> painters{0};
 
 struct Colour {
   double red;
@@ -183,15 +179,6 @@ std::string displayable(const std::string& text) {
     at += std::max<std::size_t>(length, 1);
   }
   return result;
-}
-
-OverlayPainter::OverlayPainter() { ++painters; }
-
-// The libraries keep what they know of fonts in ways that leak checkers can't follow.
-OverlayPainter::~OverlayPainter() {
-  if (--painters > 0) return;
-  cairo_debug_reset_static_data();
-  FcFini();
 }
 
 void OverlayPainter::paint(const SensorSettings& settings, AVFrame* picture) {

@@ -3,23 +3,19 @@
 
 #include <string>
 
+#include "board/hardware/font_use.h"
 #include "board/hardware/overlay_layer.h"
 #include "board/hardware/sensor_settings.h"
 
-// Bound to one thread. Draws only what has changed since the picture before. The last one that goes
-// gives back the fonts of the whole process.
+// Bound to one thread. Draws only what has changed since the picture before.
 class OverlayPainter {
  public:
-  OverlayPainter();
-  OverlayPainter(const OverlayPainter&) = delete;
-  OverlayPainter& operator=(const OverlayPainter&) = delete;
-  ~OverlayPainter();
-
   // Puts the enabled overlays into `picture`, of the scene's size: the graphic, above it the motion
   // text, above that date and time.
   void paint(const SensorSettings& settings, AVFrame* picture);
 
  private:
+  FontUse fonts_;
   GraphicOverlay graphic_;  // as the layers show them
   TextOverlay motionText_;
   TextOverlay dateTime_;

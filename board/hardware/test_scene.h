@@ -3,6 +3,7 @@
 
 #include <ctime>
 
+#include "board/hardware/font_use.h"
 #include "board/hardware/overlay_layer.h"
 #include "board/hardware/scene.h"
 
@@ -20,6 +21,7 @@ class TestScene : public Scene {
   void draw(std::int64_t timeMs, const Rectangle* moving, AVFrame* picture) override;
 
  private:
+  FontUse fonts_;
   const std::time_t start_;
   Picture background_;  // with the clock
   std::time_t shown_;
