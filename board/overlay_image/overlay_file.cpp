@@ -89,7 +89,8 @@ bool makeOverlay(const std::string& png, OverlayFile* overlay, std::string* erro
     *error = png + ": can't be scaled";
     return false;
   }
-  const auto count = static_cast<std::size_t>(overlay->width * overlay->height);
+  const std::size_t count =
+      static_cast<std::size_t>(overlay->width) * static_cast<std::size_t>(overlay->height);
   overlay->bytes.assign(sizeof(TOverlayImage) + count * kPixelBytes, '\0');
   char* to = overlay->bytes.data();
   std::memcpy(to, kOverlayMagic, sizeof(TOverlayImage::magic));
