@@ -20,6 +20,9 @@ skip() {
   exit 77
 }
 
+# once_is_enough: for tests that would show nothing new under a sanitizer, and take their time.
+once_is_enough() { [ "$slow" -eq 1 ] || skip "in the release build alone"; }
+
 set_up() {
   work=$(mktemp -d /tmp/video_svr-test.XXXXXX)
   export XDG_RUNTIME_DIR=$work/runtime  # so that the registry is this test's own

@@ -59,11 +59,13 @@ test_movement_in_window_1_fires_event_1_alone() {
 }
 
 test_movement_in_window_2_fires_event_2_alone() {
+  once_is_enough
   watch_motion
   fires_alone "$right" 2 1
 }
 
 test_movement_between_the_windows_fires_nothing() {
+  once_is_enough
   watch_motion
   move_in '240 160 160 160'
   check_stream --for 3 || fail "$(cat "$work/seen")"
@@ -134,6 +136,7 @@ test_modes_1_and_2_record_the_moment_as_jpeg() {
 
 # No header in front: nobody can make a film of it.
 test_mode_3_records_the_frame_as_it_is() {
+  once_is_enough
   watch_motion 'Usb = 1'
   settle mode 3
   move_in "$left"

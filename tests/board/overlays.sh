@@ -55,6 +55,7 @@ test_graphic_is_where_it_should_be() {
 }
 
 test_text_is_where_it_should_be() {
+  once_is_enough
   no_overlays
   start_model B520
   take "$work/without.png"

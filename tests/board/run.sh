@@ -165,3 +165,46 @@ test_scripts_are_sound() {
     ls scripts/lib/*.sh tests/board/*.sh board/common.sh
   } | xargs shellcheck -x -P SCRIPTDIR
 }
+
+# run_model MODEL: scripts/run with virtual hardware; what it shows is in $work/shown.
+run_model() {
+  local seconds=10
+  [ "$slow" -eq 1 ] || seconds=20
+  timeout 100 "$root/scripts/run" --build "$build" --board "$work/run" --camera "$1" --for $seconds \
+    >"$work/shown" || fail "$(cat "$work/shown")"
+  grep -qE '^Frames +[1-9][0-9]+ captured$' "$work/shown" || fail "no frames: $(cat "$work/shown")"
+  grep -qE '^[0-9:]{8}  recording .*\.avi, [1-9][0-9]{3,} bytes$' "$work/shown" || fail "no recording was shown"
+  ! grep '  log ' "$work/shown" || fail "the camera complains"
+  expect "$(cat "$work/run"/run/*.pid | while read -r pid; do is_gone "$pid" || echo "$pid"; done)" "" \
+    "processes"
+}
+
+test_run_shows_a_sensor_camera_that_sees_motion() {
+  run_model B520
+  grep -q '  something moves in window 1: ' "$work/shown" || fail "nothing moved in window 1"
+  grep -q '  something moves in window 2: ' "$work/shown" || fail "nothing moved in window 2"
+  grep -q ' frames/s .* output1 on' "$work/shown" || fail "window 1 switched no relay"
+  grep -q ' frames/s .* output2 on' "$work/shown" || fail "window 2 switched no relay"
+}
+
+test_run_shows_an_encoder() {
+  once_is_enough
+  run_model K310
+  grep -q '^ *1 x 525 ' "$work/shown" || fail "web1 did not fire once"
+}
+
+test_run_refuses_what_is_no_camera() {
+  local arguments status
+  for arguments in '--camera B521' '--camera' '--scene test' "--camera B520 --picture $picture" \
+    "--camera B520 --scene $work/missing.avi"; do
+    # shellcheck disable=SC2086  # words of one command
+    status=$(exit_of "$root/scripts/run" --build "$build" --board "$work/run" --for 3 $arguments)
+    expect "$status" 2 "$arguments"
+  done
+  echo "no film" >"$work/text.avi"
+  status=0
+  timeout 60 "$root/scripts/run" --build "$build" --board "$work/run" --for 3 --camera B520 \
+    --scene "$work/text.avi" >"$work/shown" 2>&1 || status=$?
+  expect "$status" 1 "a scene that is none"
+  grep -q "^hardware: .*text.avi" "$work/shown" || fail "$(cat "$work/shown")"
+}
