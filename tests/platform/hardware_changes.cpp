@@ -150,6 +150,7 @@ TEST_F(EncoderTest, DecodesWithoutAnErrorWhileEverythingChangesAtRandom) {
     return static_cast<int>(random() % static_cast<unsigned>(limit));
   };
   StreamJudge judge;
+  show(wanderingShades(6));
   order(kMpg430StreamStart, 1);
   int pictures = 0;
   std::string head = header();

@@ -1,6 +1,9 @@
 // The pictures of the MPEG-4 coder and the header of its streams, judged by an independent decoder.
+#include <unistd.h>
 #include <array>
+#include <cstdio>
 #include <cstdlib>
+#include <fstream>
 
 #include "board/hardware/mpeg4.h"
 #include "board/hardware/test_scene.h"
@@ -91,6 +94,32 @@ TEST_F(HardwareCoder, ManyPredictedPicturesDoNotDriftAway) {
     ASSERT_LT(meanDifference(*decoded, film.shown()), 2) << i;
   }
   EXPECT_EQ(complaints_.text(), "");
+}
+
+// Returns what a command prints, errors and all.
+std::string outputOf(const std::string& command) {
+  std::string output;
+  std::FILE* const pipe = popen((command + " 2>&1").c_str(), "r");
+  char buffer[256];
+  while (pipe && std::fgets(buffer, sizeof buffer, pipe)) output += buffer;
+  if (pipe) pclose(pipe);
+  return output;
+}
+
+TEST_F(HardwareCoder, AStreamInAFilePassesWithoutAWarning) {
+  const std::string path = testing::TempDir() + "coder." + std::to_string(getpid()) + ".m4v";
+  for (const auto& [width, height] : {std::pair{640, 480}, {720, 288}, {160, 120}}) {
+    Film film(width, height);
+    std::ofstream file(path, std::ios::binary);
+    file << text(volHeader(width, height));
+    for (int i = 0; i < 40; ++i) file << film.next(i * 100, 4, i % 15 == 0);
+    file.close();
+    EXPECT_EQ(outputOf("ffprobe -v warning -err_detect explode -count_frames -of csv=p=0 "
+                       "-show_entries stream=width,height,has_b_frames,nb_read_frames " +
+                       path),
+              std::to_string(width) + "," + std::to_string(height) + ",0,40\n");
+  }
+  unlink(path.c_str());
 }
 
 TEST_F(HardwareCoder, ABetterQuantiserTakesMoreRoom) {

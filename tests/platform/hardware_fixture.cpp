@@ -6,6 +6,7 @@ extern "C" {
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <mutex>
 
 namespace {
@@ -69,6 +70,28 @@ unsigned takeBits(const std::string& data, std::size_t* position, int count) {
 bool startsPicture(const std::vector<char>& chunk) {
   return chunk.size() > 4 && std::memcmp(chunk.data(), kPictureStart, 4) == 0;
 }
+
+Stage::Play wanderingShades(int step) {
+  const std::shared_ptr<AVFrame> shades(makePicture(kSceneWidth, kSceneHeight));
+  drawShades(shades.get());
+  return [shades, step, shift = 0](AVFrame* picture) mutable {
+    constexpr int kTurn = 128;
+    shift = (shift + step) % kTurn;
+    for (int plane = 0; plane < 3; ++plane) {
+      const int side = plane == 0 ? 1 : 2;
+      const auto moved = static_cast<std::size_t>(shift / side);
+      const auto width = static_cast<std::size_t>(kSceneWidth / side);
+      for (int y = 0; y < kSceneHeight / side; ++y) {
+        const std::uint8_t* from = shades->data[plane] + y * shades->linesize[plane];
+        std::uint8_t* to = picture->data[plane] + y * picture->linesize[plane];
+        std::memcpy(to, from + moved, width - moved);
+        std::memcpy(to + width - moved, from, moved);
+      }
+    }
+  };
+}
+
+EncoderTest::EncoderTest() { stage_.show(wanderingShades(0)); }
 
 int EncoderTest::order(unsigned request, std::int32_t value) {
   std::vector<char> argument(sizeof value);

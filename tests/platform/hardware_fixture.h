@@ -35,12 +35,17 @@ class StreamJudge {
 // Reads the bits of `data` from `position` on, which goes on by `count`.
 unsigned takeBits(const std::string& data, std::size_t* position, int count);
 
+// Shades that wander by `step` pixels with each picture. Drawn once, which matters in slow builds.
+Stage::Play wanderingShades(int step);
+
 constexpr char kPictureStart[] = "\0\0\1\xB6";
 bool startsPicture(const std::vector<char>& chunk);
 
 // An encoder with inputs of its own, which look at what the test shows.
 class EncoderTest : public SensorTest {
  protected:
+  EncoderTest();
+
   int order(unsigned request, std::int32_t value);
   int setColour(const TMpg430Colour& colour);
   std::string header();

@@ -24,23 +24,36 @@ Picture look(Scene* scene, std::int64_t timeMs, const Rectangle* moving = nullpt
   return picture;
 }
 
-bool isInside(const Rectangle& inner, const Rectangle& outer) {
-  return std::int64_t{inner.x} >= outer.x && std::int64_t{inner.y} >= outer.y &&
-         std::int64_t{inner.x} + inner.width <= std::int64_t{outer.x} + outer.width &&
-         std::int64_t{inner.y} + inner.height <= std::int64_t{outer.y} + outer.height;
-}
-
-// All planes but for `except` are the same, whose colours count for whole pairs of pixels.
+// All pixels but for those in `except` are the same; colours count where they share no pixel with
+// it.
 bool sameOutside(const AVFrame& one, const AVFrame& other, const Rectangle& except) {
-  for (int y = 0; y < kSceneHeight; ++y) {
-    for (int x = 0; x < kSceneWidth; ++x) {
-      if (isInside({x, y, 1, 1}, except)) continue;
-      if (lumaAt(one, x, y) != lumaAt(other, x, y) || uAt(one, x, y) != uAt(other, x, y) ||
-          vAt(one, x, y) != vAt(other, x, y))
+  for (int plane = 0; plane < 3; ++plane) {
+    const int side = plane == 0 ? 1 : 2;
+    const auto bound = [side](std::int64_t at, int limit) {
+      return static_cast<int>(std::clamp<std::int64_t>(at, 0, limit) / side);
+    };
+    const int left = bound(std::int64_t{except.x} + side - 1, kSceneWidth);
+    const int right = bound(std::int64_t{except.x} + except.width, kSceneWidth);
+    const int top = bound(std::int64_t{except.y} + side - 1, kSceneHeight);
+    const int bottom = bound(std::int64_t{except.y} + except.height, kSceneHeight);
+    for (int y = 0; y < kSceneHeight / side; ++y) {
+      const std::uint8_t* a = one.data[plane] + y * one.linesize[plane];
+      const std::uint8_t* b = other.data[plane] + y * other.linesize[plane];
+      const auto same = [a, b](int from, int to) {
+        return from >= to ||
+               std::memcmp(a + from, b + from, static_cast<std::size_t>(to - from)) == 0;
+      };
+      const bool crossed = y >= top && y < bottom && left < right;
+      if (!(crossed ? same(0, left) && same(right, kSceneWidth / side)
+                    : same(0, kSceneWidth / side)))
         return false;
     }
   }
   return true;
+}
+
+bool same(const AVFrame& one, const AVFrame& other) {
+  return sameOutside(one, other, {0, 0, 0, 0});
 }
 
 TEST(HardwareTestScene, IsAFunctionOfTime) {
@@ -48,9 +61,9 @@ TEST(HardwareTestScene, IsAFunctionOfTime) {
   TestScene other(kNoon);
   const Rectangle moving = {200, 100, 300, 200};
   for (const std::int64_t time : {0, 33, 5000, 4967, 86'400'000, 33})
-    EXPECT_TRUE(samePixels(*look(&one, time, &moving), *look(&other, time, &moving))) << time;
+    EXPECT_TRUE(same(*look(&one, time, &moving), *look(&other, time, &moving))) << time;
   look(&one, 77'777, &moving);
-  EXPECT_TRUE(samePixels(*look(&one, 33), *look(&other, 33))) << "whatever was drawn before";
+  EXPECT_TRUE(same(*look(&one, 33), *look(&other, 33))) << "whatever was drawn before";
 }
 
 TEST(HardwareTestScene, TheBallMovesInsideItsRectangleAndNowhereElse) {
@@ -67,11 +80,9 @@ TEST(HardwareTestScene, TheBallMovesInsideItsRectangleAndNowhereElse) {
     Picture before;
     for (int time = 0; time < 990; time += 33) {
       Picture now = look(&scene, time, &moving);
-      const Rectangle seen = differences(*still, *now);
-      ASSERT_GT(seen.width, 0) << moving.x << " " << time;
-      ASSERT_TRUE(isInside(seen, moving)) << moving.x << " " << time;
+      ASSERT_FALSE(same(*still, *now)) << moving.x << " " << time;
       ASSERT_TRUE(sameOutside(*still, *now, moving)) << moving.x << " " << time;
-      ASSERT_FALSE(before && samePixels(*before, *now)) << moving.x << " " << time;
+      ASSERT_FALSE(before && same(*before, *now)) << moving.x << " " << time;
       before.swap(now);
     }
   }
@@ -107,19 +118,19 @@ TEST(HardwareTestScene, NothingMovesInARectangleWithoutRoom) {
                                   {INT_MAX, INT_MAX, INT_MAX, INT_MAX},
                                   {INT_MIN, INT_MIN, INT_MAX, INT_MAX},
                                   {0, 0, INT_MIN, INT_MIN}})
-    EXPECT_TRUE(samePixels(*look(&scene, 330, &moving), *still)) << moving.x;
+    EXPECT_TRUE(same(*look(&scene, 330, &moving), *still)) << moving.x;
 }
 
 TEST(HardwareTestScene, TheClockChangesEachSecondInItsCornerAlone) {
   TestScene scene(kNoon);
   const Picture first = look(&scene, 0);
-  EXPECT_TRUE(samePixels(*look(&scene, 999), *first));
+  EXPECT_TRUE(same(*look(&scene, 999), *first));
   for (const int second : {1, 9, 10, 59, 60, 3599, 3600, 86399}) {
     const Picture now = look(&scene, second * 1000);
-    EXPECT_FALSE(samePixels(*now, *first)) << second;
+    EXPECT_FALSE(same(*now, *first)) << second;
     EXPECT_TRUE(sameOutside(*now, *first, TestScene::kClock)) << second;
   }
-  EXPECT_TRUE(samePixels(*look(&scene, 86'400'000), *first)) << "a day later";
+  EXPECT_TRUE(same(*look(&scene, 86'400'000), *first)) << "a day later";
 }
 
 TEST(HardwareTestScene, TheClockShowsTheTimeOfTheZone) {
@@ -130,9 +141,9 @@ TEST(HardwareTestScene, TheClockShowsTheTimeOfTheZone) {
   const Picture noon = look(&utc, 0);
   setenv("TZ", "XST-2", 1);
   TestScene east(kNoon);
-  EXPECT_FALSE(samePixels(*look(&east, 0), *noon));
+  EXPECT_FALSE(same(*look(&east, 0), *noon));
   TestScene earlier(kNoon - 2 * 3600);
-  EXPECT_TRUE(samePixels(*look(&earlier, 0), *noon));
+  EXPECT_TRUE(same(*look(&earlier, 0), *noon));
   before ? setenv("TZ", kept.c_str(), 1) : unsetenv("TZ");
   tzset();
 }
