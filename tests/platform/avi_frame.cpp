@@ -243,6 +243,9 @@ TEST(AviOfAKeyFrame, IsNotMadeOfAFrameWithoutAHeader) {
   EXPECT_EQ(converted(kPicture + streamHeader({}) + kPicture, 10000), "");
   EXPECT_EQ(converted(std::string("\0\0\1\xb6", 4) + streamHeader({}) + kPicture, 10000), "");
   EXPECT_EQ(converted(zeros + streamHeader({}) + kPicture, 10000), "");
+  LayerFields fields;
+  fields.before = std::string("\0\0\1\xb6", 4);  // what looks like a layer is a picture's content
+  EXPECT_EQ(converted(fields), "");
   EXPECT_EQ(converted(std::string("\xff\xd8\xff\xe0", 4) + zeros + kPicture, 10000), "");
   // That of JPEG pictures tells the size alone.
   EXPECT_EQ(

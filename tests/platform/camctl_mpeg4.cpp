@@ -94,6 +94,12 @@ TEST(ChunksOfAFrame, AreNoneWhenTheTrailersContradictThePayload) {
     EXPECT_EQ(damaged([=](P p) { p->trailer(1, 'i', 'x', length); }), FrameKind::kUnknown)
         << length;
   EXPECT_EQ(damaged([](P p) { p->trailer(0, 'I', 'x', 9); }), FrameKind::kUnknown);
+  EXPECT_EQ(damaged([](P p) { p->trailer(0, 'I', 'y', 9); }), FrameKind::kUnknown);
+  EXPECT_EQ(damaged([](P p) {
+              p->trailer(0, 'I', 'o', 19);
+              p->trailer(1, 'i', 'x', 0);
+            }),
+            FrameKind::kUnknown);
   EXPECT_EQ(damaged([](P p) { p->trailer(1, 'i', 'o', 10); }), FrameKind::kUnknown);
   EXPECT_EQ(damaged([](P p) { p->trailer(1, 'i', 'y', 10); }), FrameKind::kUnknown);
   EXPECT_EQ(damaged([](P p) { p->trailer(0, 'Q', 'o', 9); }), FrameKind::kUnknown);
@@ -103,12 +109,23 @@ TEST(ChunksOfAFrame, AreNoneWhenTheTrailersContradictThePayload) {
     EXPECT_EQ(damaged([=](P p) { p->length(length); }), FrameKind::kUnknown) << length;
 }
 
+TEST(ChunksOfAFrame, NeverReachIntoTheTrailers) {
+  for (const std::size_t length : {15, 20}) {
+    Payload payload(20);
+    payload.trailer(0, 'I', 'x', static_cast<std::uint32_t>(length));
+    payload.length(length);
+    EXPECT_EQ(payload.kind(), FrameKind::kUnknown) << length;
+  }
+}
+
 TEST(ChunksOfAFrame, AreNoneInAJpegPicture) {
   const std::string jpeg("\xff\xd8\xff\xe0 picture", 12);
   Payload alone(40);
   std::memcpy(alone.bytes(), jpeg.data(), jpeg.size());
   alone.length(jpeg.size());
   EXPECT_EQ(alone.kind(), FrameKind::kJpeg);
+  alone.length(41);
+  EXPECT_EQ(alone.kind(), FrameKind::kUnknown);
   Payload withTrailer(40);
   withTrailer.pack({{'J', jpeg}});
   EXPECT_EQ(withTrailer.kind(), FrameKind::kJpeg);
@@ -210,6 +227,12 @@ TEST_F(StreamOfPictures, NeverGoesOnWithoutEnd) {
   EXPECT_THAT(take('a', {"P"}), IsEmpty());
   take('a', {"I"});
   EXPECT_THAT(take('a', {"P"}), ElementsAre("I"));
+}
+
+TEST_F(StreamOfPictures, GoesOnForAnyTime) {
+  run();
+  const std::string much = "P" + std::string(1 << 20, 'x');
+  for (int i = 0; i < 20; ++i) EXPECT_EQ(take('a', {much}).size(), 1U) << i;
 }
 
 TEST_F(StreamOfPictures, GoesOnAtTheNextKeyPictureAfterMissedFrames) {

@@ -32,7 +32,7 @@ bool FrameChunks::walk(const char* payload, std::size_t length, std::size_t larg
   for (std::size_t end = largest; end >= done + kTrailer; end -= kTrailer) {
     const auto* trailer = reinterpret_cast<const TChunkTrailer*>(payload + end - kTrailer);
     const std::size_t size = loadLe32(trailer->length);
-    if (size < 1 || size > length - done || size > end - kTrailer - done) return false;
+    if (size < 1 || size > end - kTrailer - done) return false;
     chunks_.push_back({trailer->type, payload + done, size});
     done += size;
     if (trailer->more == kTrailerLast) return done == length;
