@@ -169,6 +169,23 @@ TEST_F(SensorEffects, SmoothingLeavesAPlainPictureAlone) {
   }
 }
 
+TEST_F(SensorEffects, SmoothingTakesTheOutermostPixelsToGoOn) {
+  show([](AVFrame* picture) {
+    drawPlain(picture, 100, 128, 128);
+    fillLuma(picture, {0, 0, kSceneWidth, 1}, 190);
+    fillLuma(picture, {0, kBottom, kSceneWidth, 1}, 190);
+    fillLuma(picture, {0, 100, 1, 100}, 190);
+    fillLuma(picture, {kRight, 100, 1, 100}, 190);
+  });
+  set(kVicamSetNoisefilter, 2);
+  const Picture picture = capture();
+  for (const int y : {0, kBottom}) EXPECT_NEAR(lumaAt(*picture, 300, y), 160, 1);
+  for (const int y : {1, kBottom - 1}) EXPECT_NEAR(lumaAt(*picture, 300, y), 130, 1);
+  for (const int x : {0, kRight}) EXPECT_NEAR(lumaAt(*picture, x, 150), 160, 1);
+  for (const int x : {1, kRight - 1}) EXPECT_NEAR(lumaAt(*picture, x, 150), 130, 1);
+  EXPECT_EQ(lumaAt(*picture, 300, 2), 100);
+}
+
 TEST_F(SensorEffects, BacklightCompensationLiftsTheShadows) {
   int dark = plainLuma(50);
   const int bright = plainLuma(220);
@@ -190,11 +207,12 @@ TEST_F(SensorEffects, LightOfTheMainsMakesBandsUnlessTheModeFits) {
     EXPECT_GT(bands(*capture()), 5) << wrong;
     EXPECT_LT(bands(*capture()), 30) << wrong;  // faint
   }
+  set(kVicamSetFlickerMode, 0);
+  EXPECT_EQ(bands(*capture()), 0);
   world_.setStandard(TvStandard::kNtsc);
+  EXPECT_GT(bands(*capture()), 5);
   set(kVicamSetFlickerMode, 1);
   EXPECT_EQ(bands(*capture()), 0);
-  set(kVicamSetFlickerMode, 0);
-  EXPECT_GT(bands(*capture()), 5);
 }
 
 TEST_F(SensorEffects, BrightnessAddsLight) {
@@ -247,6 +265,9 @@ TEST_F(SensorEffects, HueTurnsColours) {
   setColours(colours);
   EXPECT_LT(uAt(*capture(), 9, 9), 88);
   EXPECT_NEAR(vAt(*capture(), 9, 9), 128, 3);
+  plain(120, 178, 128);
+  EXPECT_GT(vAt(*capture(), 9, 9), 168);
+  EXPECT_NEAR(uAt(*capture(), 9, 9), 128, 3);
 }
 
 TEST_F(SensorEffects, AllAtTheirLimitsGiveAPictureInRange) {

@@ -166,11 +166,15 @@ TEST_F(SensorMotion, WindowsLieInThePictureThatIsDelivered) {
   watch(1, kUpperLeft);
   level(1);
   set(kVicamSetFlip, 1);
-  set(kVicamSetMirror, 1);
   EXPECT_EQ(level(1), 0);  // turning is no motion
   showPatch({100, 50, 40, 40});
   EXPECT_EQ(level(1), 0);
-  showPatch({640 - 140, 480 - 90, 40, 40});
+  showPatch({100, 480 - 90, 40, 40});
+  EXPECT_GT(level(1), 4);
+  set(kVicamSetFlip, 0);
+  set(kVicamSetMirror, 1);
+  settle();
+  showPatch({640 - 140, 50, 40, 40});
   EXPECT_GT(level(1), 4);
 }
 
@@ -191,10 +195,22 @@ TEST_F(SensorMotion, ASlightChangeOfLightIsNoMotion) {
   watch(1, kUpperLeft);
   show([](AVFrame* picture) { drawPlain(picture, 100, 128, 128); });
   level(1);
-  show([](AVFrame* picture) { drawPlain(picture, 104, 128, 128); });
+  show([](AVFrame* picture) { drawPlain(picture, 106, 128, 128); });
   EXPECT_EQ(level(1), 0);
-  show([](AVFrame* picture) { drawPlain(picture, 90, 128, 128); });
+  settle();
+  show([](AVFrame* picture) { drawPlain(picture, 116, 128, 128); });
   EXPECT_EQ(level(1), 100);
+}
+
+TEST_F(SensorMotion, BlocksThatTheWindowCutsOffCountFully) {
+  watch(1, {0, 0, 12, 12});
+  show([](AVFrame* picture) { drawPlain(picture, 100, 128, 128); });
+  level(1);
+  show([](AVFrame* picture) {
+    drawPlain(picture, 100, 128, 128);
+    fillLuma(picture, {8, 8, 4, 4}, 110);
+  });
+  EXPECT_EQ(level(1), 25);
 }
 
 class MotionMeterTest : public testing::Test {
@@ -235,7 +251,12 @@ TEST_F(MotionMeterTest, ForgetsWhatIsLongAgo) {
   EXPECT_EQ(see(dark_, 89), 100);
   EXPECT_EQ(see(light_, 179), 0);
   EXPECT_EQ(see(dark_, 180), 100);
-  EXPECT_EQ(see(light_, 180), 100);  // that number was seen already
+}
+
+TEST_F(MotionMeterTest, APictureThatWasSeenAlreadyChangesNothing) {
+  see(dark_, 0);
+  EXPECT_EQ(see(dark_, 1), 0);
+  EXPECT_EQ(see(light_, 1), 0);
 }
 
 }  // namespace

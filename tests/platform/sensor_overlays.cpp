@@ -207,6 +207,48 @@ TEST_F(SensorOverlays, TheGraphicStandsAtItsPosition) {
   EXPECT_TRUE(samePixels(*without_, *capture()));
 }
 
+TEST_F(SensorOverlays, TheGraphicsColoursLieWhereItsPixelsAre) {
+  std::vector<char> image = {'O', 'S', 'D', '1', 30, 0, 18, 0};
+  for (int y = 0; y < 18; ++y) {
+    for (int x = 0; x < 30; ++x) {  // red and blue above blue and red, opaque
+      image.push_back(static_cast<char>((x < 15) != (y < 9) ? 0x0F : 0x00));
+      image.push_back(static_cast<char>((x < 15) != (y < 9) ? 0xF0 : 0xFF));
+    }
+  }
+  ASSERT_EQ(sensor_.ioctl(kVicamSetGposdImg, &image), 0);
+  showGraphic(201, 99);
+  const Picture picture = capture();
+  const auto isRed = [&](int x, int y) { return vAt(*picture, x, y) > 200; };
+  const auto isBlue = [&](int x, int y) { return uAt(*picture, x, y) > 200; };
+  for (const int x : {202, 214}) {
+    for (const int y : {100, 106}) EXPECT_TRUE(isRed(x, y)) << x << " " << y;
+    for (const int y : {108, 114}) EXPECT_TRUE(isBlue(x, y)) << x << " " << y;
+  }
+  for (const int x : {216, 228}) {
+    for (const int y : {100, 106}) EXPECT_TRUE(isBlue(x, y)) << x << " " << y;
+    for (const int y : {108, 114}) EXPECT_TRUE(isRed(x, y)) << x << " " << y;
+  }
+  // Pixels that share their colour with the picture beside the graphic have half of it.
+  EXPECT_NEAR(vAt(*picture, 200, 104), (128 + 240) / 2, 2);
+  EXPECT_NEAR(uAt(*picture, 230, 104), (128 + 240) / 2, 2);
+  EXPECT_NEAR(vAt(*picture, 208, 98), (128 + 240) / 2, 2);
+  EXPECT_EQ(vAt(*picture, 198, 104), 128);
+  EXPECT_EQ(uAt(*picture, 232, 104), 128);
+  EXPECT_EQ(vAt(*picture, 208, 96), 128);
+  EXPECT_EQ(vAt(*picture, 222, 118), 128);
+}
+
+TEST_F(SensorOverlays, AGraphicOfOddSizeCoversNoPixelMore) {
+  ASSERT_EQ(setImage(31, 17, kRedPixel), 0);
+  for (const int at : {100, 101}) {
+    showGraphic(at, at);
+    EXPECT_EQ(covered().width, 31);
+    EXPECT_EQ(covered().height, 17);
+    EXPECT_EQ(vAt(*capture(), at - 2, at + 6), 128);
+    EXPECT_EQ(vAt(*capture(), at + 32, at + 6), 128);
+  }
+}
+
 TEST_F(SensorOverlays, TheAlphaOfTheGraphicCountsByTransparency) {
   ASSERT_EQ(setImage(32, 16, 0x7FFF), 0);  // white, nearly half clear
   showGraphic(200, 100, 0);
