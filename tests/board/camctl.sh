@@ -103,9 +103,9 @@ test_watch_ends_by_itself_and_on_interrupt() {
   start_camera
   camctl watch --for 2 >"$work/watch"
   expect "$(grep -c 'frames/s' "$work/watch")" 2 lines
-  "$build/tools/camctl" --board "$board" watch >"$work/watch" &
+  "$build/tools/camctl" --board "$board" watch >"$work/until-told" &
   local watch=$!
-  eventually 5 grep -q 'frames/s' "$work/watch"
+  eventually 5 grep -q 'frames/s' "$work/until-told"
   kill -TERM $watch
   wait $watch || fail "status $?"
 }
