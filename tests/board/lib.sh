@@ -66,6 +66,7 @@ sanitizer_reports() { cat "$board"/var/log/camera/sanitizer* 2>/dev/null; }
 # The end of every test: nothing that a sanitizer or the daemon itself would complain about.
 check_clean() {
   if [ -n "${daemon:-}" ] && ! is_gone "$daemon"; then stop_daemon; fi
+  if [ -n "${hardware:-}" ]; then end_process "$hardware" $((5 * slow)) || fail "the hardware does not end"; fi
   [ -z "$(sanitizer_reports)" ] || fail "a sanitizer complains"
   if grep -q IPE "$log"; then fail "an internal error is in the log"; fi
 }
@@ -138,7 +139,10 @@ boardctl() { "$build/tools/boardctl" --board "$board" "$@"; }
 # start_hardware [OPTION OF hardware...]: the chips; $hardware is their process.
 start_hardware() {
   rm -f -- "$board/run/camera/boardctl"
-  "$build/board/hardware/hardware" --board "$board" "$@" >>"$log" 2>&1 </dev/null &
+  ASAN_OPTIONS=log_path=$board/var/log/camera/sanitizer-hardware \
+    UBSAN_OPTIONS=log_path=$board/var/log/camera/sanitizer-hardware:print_stacktrace=1 \
+    TSAN_OPTIONS=log_path=$board/var/log/camera/sanitizer-hardware \
+    "$build/board/hardware/hardware" --board "$board" "$@" >>"$log" 2>&1 </dev/null &
   hardware=$!
   boxes+=("$hardware")
   hardware_is_up() { is_gone "$hardware" || [ -S "$board/run/camera/boardctl" ]; }

@@ -145,19 +145,24 @@ test_tv_standard_changes_the_size() {
 # shaken HOW CHANGES: changes settings at random and judges both streams meanwhile.
 shaken() {
   local changes=$2 recorders
-  [ "$slow" -eq 1 ] || changes=$(($2 / 10))
+  [ "$slow" -eq 1 ] || changes=$(($2 / 5))
+  eventually 10 recorded 1
   "$build/tests/board/stream_check/stream_check" --board "$board" --stream video2 --for 100 \
     >"$work/seen2" &
   recorders=$!
   boxes+=("$recorders")
   check_stream "$1" "$changes" --for 100 --seed "$changes" || fail "$(cat "$work/seen")"
-  kill "$recorders"
-  wait "$recorders" || fail "video2: $(cat "$work/seen2")"
   # Not only while it is shaken: afterwards as well.
   settle mode 0
+  settle framerate 0
   settle resolution 7
   judge_stream --pictures 8
   expect "$(seen '.order[-1]')" 640x480 "size at the end"
+  local before
+  before=$(recordings | wc -l)
+  eventually 10 recorded $((before + 2))
+  kill "$recorders"
+  wait "$recorders" || fail "video2: $(cat "$work/seen2")"
   [ "$(jq .key "$work/seen2")" -gt 0 ] || fail "no key frame for recorders: $(cat "$work/seen2")"
 }
 
