@@ -1,6 +1,8 @@
 // What the sensor's driver answers.
 #include <cerrno>
 #include <cstring>
+#include <iterator>
+#include <random>
 
 #include "board/drivers/requests.h"
 #include "sensor_fixture.h"
@@ -130,6 +132,27 @@ TEST_F(SensorRequests, WindowsThatTheSensorDoesNotReachAreRefused) {
   for (const auto& [width, height] :
        {std::pair{0u, 0u}, {159u, 120u}, {160u, 119u}, {641u, 480u}, {640u, 481u}, {~0u, ~0u}})
     EXPECT_EQ(setWindow(width, height), -EINVAL) << width << "x" << height;
+}
+
+TEST_F(SensorRequests, NothingThatIsAskedDoesHarm) {
+  std::mt19937 dice(1);
+  const std::int32_t words[] = {0, 1, 2, 3, -1, 7, 50, 320, 640, INT32_MAX, INT32_MIN, 1 << 30};
+  for (int round = 0; round < 3000; ++round) {
+    const Request& request = kRequests[dice() % std::size(kRequests)];
+    std::vector<char> argument = argumentOf(request);
+    if (request.argument == Argument::kWord) {
+      const std::int32_t word = words[dice() % std::size(words)];
+      std::memcpy(argument.data(), &word, sizeof(word));
+    } else if (dice() % 2 == 0) {
+      argument.resize(dice() % 400);
+      for (char& byte : argument) byte = static_cast<char>(dice());
+    }
+    const int result = sensor_.ioctl(request.number, &argument);
+    EXPECT_TRUE(result == -EINVAL || (result >= 0 && result <= 100)) << request.name << result;
+    nextPicture();
+    if (round % 10 != 0) continue;
+    EXPECT_TRUE(decodeJpeg(readJpeg())) << round;
+  }
 }
 
 }  // namespace
