@@ -19,7 +19,8 @@ static_assert(sizeof(tag_Overlay) == 160, "shared with the configuration library
 
 // Getters of the camera's configuration database, /etc/camera.conf: see docs/configuration.md. The
 // graphic, the motion text, date and time. 0 on success; otherwise non-zero (the overlay's section
-// or its key Enable is absent) and `*overlay` is unchanged. Any thread.
+// or its key Enable is absent) and `*overlay` is unchanged. A text that is too long is cut at a
+// character: logs 2 "%s: [%s] Text is cut to its first %zu bytes". Any thread.
 int get_overlay_image(tag_Overlay* overlay);
 int get_overlay_motion(tag_Overlay* overlay);
 int get_overlay_text(tag_Overlay* overlay);
@@ -38,5 +39,5 @@ constexpr long kOverlayImageMax = 32768;  // bytes with head, the most that the 
 
 // Reads the overlay image from `device` into `buffer`. `*length`: in, the capacity; out, the length
 // of the image with its head. 0 on success; otherwise non-zero (not readable, no image, too large)
-// and `*length` is 0. Any thread.
+// and `*length` is 0. Logs 2 "no overlay image in %s: %s". Any thread.
 int read_overlay_image(char* buffer, long* length, const char* device);
