@@ -1,4 +1,5 @@
 // The scenes of the virtual board: the one that is built in, films, folders, cameras of the PC.
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <climits>
@@ -7,7 +8,9 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
+#include <sstream>
 
+#include "board/hardware/device_scene.h"
 #include "board/hardware/jpeg.h"
 #include "board/hardware/test_scene.h"
 #include "sensor_fixture.h"
@@ -245,6 +248,28 @@ TEST_F(HardwareMedia, AFolderLeavesOutWhatCannotBeReadAndSaysSoOnce) {
   const std::string said = testing::internal::GetCapturedStderr();
   EXPECT_EQ(said.find("hardware: " + broken), 0u) << said;
   EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1) << said;
+}
+
+// A film stands in for the camera of a PC: it is read in the same way and then ends, as a camera
+// does that is unplugged.
+TEST_F(HardwareMedia, ACameraThatIsUnpluggedKeepsItsLastPictureAndSaysSoOnce) {
+  const std::string path = write("film.mjpeg", film(10));
+  const std::string said = write("said", "");
+  const int kept = dup(STDERR_FILENO);
+  const int file = open(said.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+  dup2(file, STDERR_FILENO);
+  {
+    const auto scene = DeviceScene::open(path, &error_);
+    EXPECT_TRUE(scene) << error_;
+    while (scene && lseek(file, 0, SEEK_END) == 0) usleep(1000);  // until it complains
+    EXPECT_NEAR(scene ? shade(scene.get(), 0) : 0, 130, 1.5);
+  }
+  dup2(kept, STDERR_FILENO);
+  close(file);
+  close(kept);
+  std::ostringstream text;
+  text << std::ifstream(said).rdbuf();
+  EXPECT_EQ(text.str(), "hardware: " + path + " gives no more pictures, its last one stays\n");
 }
 
 TEST_F(HardwareMedia, WhatCannotBeOpenedIsNamed) {
