@@ -173,9 +173,15 @@ test_sensor_camera_survives_random_changes() {
   shaken --shake-modes 1000
 }
 
+flip_standard() {
+  while boardctl tv ntsc && sleep 0.7 && boardctl tv pal; do sleep 0.9; done
+}
+
 test_encoder_survives_random_changes() {
   often
   write_events 'Source = 3' 'Interval = 1' 'Usb = 1'
   start_model K310
+  flip_standard &
+  boxes+=($!)
   shaken --shake 300
 }

@@ -34,7 +34,8 @@ void Shaker::change() {
       sbSetUserdata(video, kSlotFramerate, kRates[upTo(static_cast<int>(std::size(kRates)) - 1)]);
       break;
     case 3:
-      sbSetUserdata(video, kSlotCompression, 1 + upTo(kQuantisers - 1));
+      // Half of them fine, so that pictures are of many chunks.
+      sbSetUserdata(video, kSlotCompression, 1 + upTo(upTo(1) == 0 ? 1 : kQuantisers - 1));
       break;
     case 4:
       sbSetUserdata(video, kSlotIpratio, upTo(20));
