@@ -17,6 +17,8 @@
 
 namespace {
 
+constexpr int kMostErrors = 4095;  // the kernel knows no more; a larger number is none of an error
+
 // Sends all of `parts`, which is used up. Returns false with `errno`: EFAULT when the caller's
 // bytes can't be read, otherwise EIO.
 bool sendAll(int fd, iovec* parts, int count) {
@@ -85,12 +87,12 @@ bool sendCall(int fd, CallKind kind, std::uint32_t word, const void* bytes, std:
   return sendAll(fd, parts, size > 0 ? 2 : 1);
 }
 
-// Waits for the reply and puts at most `capacity` of its bytes into `buffer`. Returns the result as
-// system calls do.
+// Waits for the reply and puts at most `capacity` of its bytes into `buffer`, `*got` of them.
+// Returns the result as system calls do.
 //
 // The hardware sends a reply in one piece, so that one call takes it mostly. There is nothing
 // behind it to be taken by mistake: the next reply answers the next call.
-int receive(int fd, void* buffer, std::size_t capacity) {
+int receive(int fd, void* buffer, std::size_t capacity, std::size_t* got) {
   Reply reply{};
   iovec parts[] = {{&reply, sizeof reply}, {buffer, capacity}};
   msghdr message{};
@@ -101,17 +103,19 @@ int receive(int fd, void* buffer, std::size_t capacity) {
     come = recvmsg(fd, &message, 0);
   } while (come < 0 && errno == EINTR);
   if (!checkReceived(fd, come)) return -1;
-  auto got = static_cast<std::size_t>(come);
-  if (got < sizeof reply) {
-    if (!receiveAll(fd, reinterpret_cast<char*>(&reply) + got, sizeof reply - got)) return -1;
-    got = sizeof reply;
+  auto already = static_cast<std::size_t>(come);
+  if (already < sizeof reply) {
+    if (!receiveAll(fd, reinterpret_cast<char*>(&reply) + already, sizeof reply - already))
+      return -1;
+    already = sizeof reply;
   }
-  got -= sizeof reply;
-  const std::size_t fitting = reply.size < capacity ? reply.size : capacity;
-  if (got < fitting && !receiveAll(fd, static_cast<char*>(buffer) + got, fitting - got)) return -1;
-  if (!discard(fd, reply.size - fitting)) return -1;
+  already -= sizeof reply;
+  *got = reply.size < capacity ? reply.size : capacity;
+  if (already < *got && !receiveAll(fd, static_cast<char*>(buffer) + already, *got - already))
+    return -1;
+  if (!discard(fd, reply.size - *got)) return -1;
   if (reply.result >= 0) return reply.result;
-  errno = -reply.result;
+  errno = reply.result >= -kMostErrors ? -reply.result : EIO;
   return -1;
 }
 
@@ -162,10 +166,11 @@ int connectNode(const char* path, bool closeOnExec) {
     } while (result != 0 && errno == EINTR);
     address.clear();
   }
+  std::size_t got = 0;
   if (result != 0) {
     errno = ENXIO;
   } else if (!sendCall(fd, CallKind::kOpen, 0, path, std::strlen(path)) ||
-             receive(fd, nullptr, 0) != 0) {
+             receive(fd, nullptr, 0, &got) != 0) {
     result = -1;
     if (errno == EIO) errno = ENXIO;  // it is about to end
   }
@@ -180,7 +185,13 @@ long readNode(int fd, void* buffer, std::size_t size) {
   if (size == 0) return 0;
   if (size > INT_MAX) size = INT_MAX;
   if (!sendCall(fd, CallKind::kRead, static_cast<std::uint32_t>(size), nullptr, 0)) return -1;
-  return receive(fd, buffer, size);
+  std::size_t got = 0;
+  const int result = receive(fd, buffer, size, &got);
+  // A caller takes what it is told for its own: it must have come, and not be more than it asked
+  // for.
+  if (result < 0 || static_cast<std::size_t>(result) <= got) return result;
+  errno = EIO;
+  return -1;
 }
 
 int controlNode(int fd, unsigned request, void* argument) {
@@ -195,7 +206,8 @@ int controlNode(int fd, unsigned request, void* argument) {
     if (argumentComesBack(known->argument)) back = argumentSize(known->argument);
   }
   if (!sendCall(fd, CallKind::kIoctl, request, argument, out)) return -1;
-  return receive(fd, argument, back);
+  std::size_t got = 0;
+  return receive(fd, argument, back, &got);
 }
 
 void setNodeOwner(int fd, int owner) {

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <thread>
 
 #include "tests/platform/drivers_fixture.h"
@@ -118,6 +119,57 @@ TEST_F(DriverFaults, TheHeadersLengthIsALie) {
     char header[20];
     EXPECT_EQ(ioctl(fd_, static_cast<unsigned long>(kMpg430GetImgheader), header), length);
   }
+}
+
+// A chip whose results have nothing to do with what it gives.
+class Liar : public Device {
+ public:
+  explicit Liar(int result) : result_(result) {}
+  int ioctl(unsigned /*request*/, std::vector<char>* /*argument*/) override { return result_; }
+  int read(std::size_t /*limit*/, std::vector<char>* data) override {
+    data->assign(8, 'x');
+    return result_;
+  }
+  void closed() override {}
+
+ private:
+  const int result_;
+};
+
+class LyingHardware : public DriverFaults {
+ protected:
+  // Puts a chip in the encoder's place and opens it.
+  int openInstead(Liar* liar) {
+    server_.reset();
+    server_ = std::make_unique<NodeServer>(
+        std::vector<NodeServer::Chip>{{kEncoderPath, Node::kEncoder, liar}}, &trace_);
+    std::string error;
+    EXPECT_TRUE(server_->start(socketPath(), &error)) << error;
+    return open(kEncoderPath, O_RDONLY);
+  }
+};
+
+// Sanitizers, and programs, trust the result of a read: more bytes than came must never be claimed.
+TEST_F(LyingHardware, AReadThatClaimsMoreThanItGivesIsAnInputError) {
+  for (const int claimed : {9, 101, INT_MAX}) {
+    Liar liar(claimed);
+    const int fd = openInstead(&liar);
+    char buffer[100];
+    EXPECT_EQ(read(fd, buffer, sizeof buffer), -1) << claimed;
+    EXPECT_EQ(errno, EIO) << claimed;
+    close(fd);
+    server_.reset();
+  }
+}
+
+TEST_F(LyingHardware, ANumberThatIsNoErrorIsAnInputError) {
+  Liar liar(INT_MIN);
+  const int fd = openInstead(&liar);
+  std::int32_t word = 1;
+  EXPECT_EQ(ioctl(fd, static_cast<unsigned long>(kMpg430SetMode), &word), -1);
+  EXPECT_EQ(errno, EIO);
+  close(fd);
+  server_.reset();
 }
 
 TEST_F(DriverFaults, AHungNodeBlocksUntilItGoesOn) {
