@@ -3,11 +3,11 @@
 // its own during the same seconds. The hardware is a process of its own on both boards and counts
 // on neither side.
 //
-//   bench_hardware_cost WHAT BOARD PID SECONDS NODE=PID...
+//   bench_hardware_cost WHAT BOARD PID SECONDS NODE=PID... hardware=PID...
 //
 // WHAT names the case in the table; one that begins with a blank does work that cat does not do,
 // and has no limit. BOARD is the folder of a running board, PID its daemon; each NODE, "encoder" or
-// "sensor", has the cat that reads it. Prints two lines.
+// "sensor", has the cat that reads it; "hardware" is what delivers to either. Prints two lines.
 #include <dirent.h>
 #include <sched.h>
 #include <time.h>
@@ -78,9 +78,10 @@ double captureTime(pid_t pid) {
   return nanoseconds * 1e-9;
 }
 
-// Puts a process on the processor on which this one began. All that are compared share it, so that
-// none is better off; the hardware has the others.
-void pin(pid_t pid) {
+// Puts a process on the processor on which this one began. What is compared shares one with its
+// hardware, as on a camera: most of the time goes into waking up, and that costs several times as
+// much from another processor, so that chance would decide.
+void putTogether(pid_t pid) {
   static const int processor = sched_getcpu();
   cpu_set_t one;
   CPU_ZERO(&one);
@@ -167,9 +168,6 @@ struct Daemon {
 };
 
 Daemon measure(pid_t pid, double seconds, std::vector<Cat>* cats) {
-  pin(pid);
-  for (const Cat& cat : *cats) pin(cat.pid);
-  usleep(kSettleUs);
   Stream stream;
   stream.look();
   stream.reset();
@@ -230,7 +228,8 @@ void report(const char* what, const Daemon& daemon, const std::vector<Cat>& cats
   std::printf("  %.1f us at %.1f pictures/s of %.1f kB", daemon.time / all.count * 1e6,
               rate(all, daemon.seconds), all.bytes / all.count * 1e-3);
   if (daemon.captureTime > 0)
-    std::printf(" (capture thread %.1f)", daemon.captureTime / all.count * 1e6);
+    std::printf(" (capture thread %.1f: %.2f)", daemon.captureTime / all.count * 1e6,
+                daemon.captureTime / samePictures);
   for (const Cat& cat : cats)
     std::printf("; cat of the %s %.1f us at %.1f", cat.isSensor ? "sensor" : "encoder",
                 cat.time / cat.read.count * 1e6, rate(cat.read, daemon.seconds));
@@ -241,21 +240,28 @@ void report(const char* what, const Daemon& daemon, const std::vector<Cat>& cats
 
 int main(int argc, char** argv) {
   if (argc < 6) {
-    std::fprintf(stderr, "usage: bench_hardware_cost WHAT BOARD PID SECONDS NODE=PID...\n");
+    std::fprintf(stderr,
+                 "usage: bench_hardware_cost WHAT BOARD PID SECONDS NODE=PID... hardware=PID...\n");
     return 2;
   }
   setPlatformRoot(argv[2]);
+  const pid_t pid = std::atoi(argv[3]);
+  putTogether(pid);
   std::vector<Cat> cats;
   for (int i = 5; i < argc; ++i) {
     const std::string word = argv[i];
     const std::size_t at = word.find('=');
-    if (at == std::string::npos) fail(word + " is no NODE=PID");
+    const std::string name = word.substr(0, at);
+    if (at == std::string::npos || (name != "encoder" && name != "sensor" && name != "hardware"))
+      fail("what is " + word);
     Cat cat;
-    cat.isSensor = word.compare(0, at, "sensor") == 0;
+    cat.isSensor = name == "sensor";
     cat.pid = std::atoi(&word[at + 1]);
-    cats.push_back(cat);
+    putTogether(cat.pid);
+    if (name != "hardware") cats.push_back(cat);
   }
-  const Daemon daemon = measure(std::atoi(argv[3]), std::atof(argv[4]), &cats);
+  usleep(kSettleUs);
+  const Daemon daemon = measure(pid, std::atof(argv[4]), &cats);
   report(argv[1], daemon, cats);
   return 0;
 }
