@@ -144,8 +144,9 @@ void TMpg430::getStreamHeader() {
 // fetched.
 void TMpg430::fetchHeader(bool ofGathered) {
   if (resolution_ < 0 || resolution_ >= kResolutions) logEx(3, "TMpg430::getStreamHeader() IPE");
-  // Lowered before the driver is asked: a change while it answers raises the flag again.
-  fHeadr = false;
+  // Lowered before the driver is asked: a change while it answers raises the flag again. For a
+  // gathered key frame it was lowered before that was read.
+  if (!ofGathered) fHeadr = false;
   char bytes[kMpg430HeaderBytes] = {};
   if (request(kMpg430GetImgheader, bytes, "MPG430_GET_IMGHEADER") != kMpg430HeaderBytes)
     logEx(3, "unexpected mp4 header size");
@@ -196,9 +197,12 @@ int TMpg430::getImage(char* frame, long size) {
 // Intended: a failing read is repeated at once, whatever the reason and for as long as it takes.
 int TMpg430::readChunk(char* chunk, long length) {
   for (;;) {
+    // Lowered meanwhile, so that a further change during the read is seen too.
     const bool raised = fHeadr;
+    if (raised) fHeadr = false;
     const long result = TCamera::getImage(chunk, length);
     if (result < 1) {
+      if (raised) fHeadr = true;
       logEx(2, "read(MPG430) return %ld", result);
       continue;
     }
@@ -210,17 +214,21 @@ int TMpg430::readChunk(char* chunk, long length) {
   }
 }
 
-// Hands the chunk to the AVI writer in mode 0. `raised`: fHeadr was set before it was read.
+// Hands the chunk to the AVI writer in mode 0. `raised`: fHeadr was set before the chunk was read,
+// and was lowered for that; it is set again unless the header is fetched here.
 //
 // A key frame that comes while the flag is up belongs to the header that is still to be fetched; if
-// the flag went up during the read, to that one or to the last. The next picture publishes the key
+// the flag went up during the read, to that one or to another. The next picture publishes the key
 // frame, which may be in this same frame, so that its header is due now.
 void TMpg430::passOn(const char* chunk, long length, bool raised) {
   TAviWriter* const writer = aviWriter();
-  if (getMode() != 0) {
-    if (lastType != kTypePredictedMore) writer->cut();
-    return;
-  }
-  writer->write(chunk, length, *getTime(), lastType);
-  if (lastType == kTypeKey && fHeadr && writer->getRef()) fetchHeader(raised);
+  const bool gathers = getMode() == 0;
+  if (gathers)
+    writer->write(chunk, length, *getTime(), lastType);
+  else if (lastType != kTypePredictedMore)
+    writer->cut();
+  if (gathers && lastType == kTypeKey && (raised || fHeadr) && writer->getRef())
+    fetchHeader(raised);
+  else if (raised)
+    fHeadr = true;
 }

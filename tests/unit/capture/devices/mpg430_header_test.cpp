@@ -283,6 +283,42 @@ TEST_F(KeyFrameHeader, AKeyFrameWhoseHeaderChangesWhileItIsFetchedIsNotPublished
   }
 }
 
+// The driver has changed when it is asked, and its signal comes while it answers.
+TEST_F(KeyFrameHeader, AKeyFrameWhoseHeaderHasChangedWhenItIsFetchedIsNotPublished) {
+  format('x');
+  onRequest = [](unsigned) { Device::fHeadr = true; };
+  pass({key(6, 'x'), 0, [this] { headerIs('2'); }});
+  onRequest = nullptr;
+  flush();
+  EXPECT_THAT(published(), IsEmpty());
+}
+
+// One change was noted already, and the key frame may be from before the other one.
+TEST_F(KeyFrameHeader, AKeyFrameReadWhileTheFormatChangedOnceMoreIsNotPublished) {
+  format('x');
+  pass({key(6, 'x'), 0, [this] { format('2'); }});
+  flush();
+  EXPECT_THAT(published(), IsEmpty());
+  pass(key(6, '2'));
+  flush();
+  EXPECT_THAT(published(), ElementsAre("2:2"));
+}
+
+TEST_F(KeyFrameHeader, TheHeaderStaysDueUntilItIsFetched) {
+  const struct {
+    int mode;
+    Chunk chunk;
+  } cases[] = {{0, predicted(5)}, {0, more(1, '1')}, {2, key(6, '1')}, {2, predicted(5)}};
+  for (const auto& one : cases) {
+    device.setMode(one.mode);
+    Device::fHeadr = true;
+    fake.fails("os::read", 2);
+    chunks = {one.chunk};
+    read(device);
+    EXPECT_EQ(Device::fHeadr, true);
+  }
+}
+
 TEST_F(KeyFrameHeader, WithoutRecordersTheHeaderWaitsForTheText) {
   aviWriter()->delRef(this);
   format('2');
