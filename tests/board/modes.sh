@@ -86,9 +86,12 @@ test_mode_3_leaves_the_encoder_alone() {
   often
   start_model B520
   settle mode 3
+  camctl dump mpeg4 --frames 8 >"$work/dump" &
   judge_stream --pictures 8
+  wait $!
   local before
   before=$(seen '.order[-1]')
+  decodes mpeg4 "$before"
   boardctl trace "$work/trace"
   settle resolution 8
   settle compression 12

@@ -178,3 +178,13 @@ test_windows_are_programmed_anew_while_it_streams() {
   check_stream --for 1 || fail "$(cat "$work/seen")"
   expect "$(seen '.levels[1].frames')" 0 "levels of a window that could not be read"
 }
+
+# Anybody may leave one there; nobody writes into it.
+test_pipe_instead_of_a_window_does_not_stop_the_stream() {
+  once_is_enough
+  watch_motion
+  mkfifo "$board/tmp/motion1.dat"
+  settle motion-detection 0
+  logged "fread(/tmp/motion1.dat) fail" || fail "no message"
+  judge_stream --pictures 3
+}
