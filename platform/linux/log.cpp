@@ -48,6 +48,7 @@ struct Log {
   UnixAddress address{};
   Line lines[kLines];
   const Line* written = nullptr;  // last: the line, or its repeats
+  std::uint32_t reportedMs = 0;   // when repeats were written last, of whatever line
   std::uint32_t seen = 0;         // lines ever
 };
 Log theLog;
@@ -112,8 +113,20 @@ void writeRepeats(Line& line, std::uint32_t now) {
                 last ? 0 : static_cast<int>(kLineLength), line.text);
   writeLine(line.level, text);
   line.repeats = 0;
-  line.writtenMs = now;
+  line.writtenMs = theLog.reportedMs = now;
   theLog.written = &line;
+}
+
+// All lines share the one report a second, in turns, so that the log of a device on which
+// everything fails grows no faster than that of one on which a single thing does.
+void writeOneReport(std::uint32_t now) {
+  if (now - theLog.reportedMs < kFoldMs) return;
+  Line* due = nullptr;
+  for (Line& line : theLog.lines) {
+    if (line.repeats == 0 || now - line.writtenMs < kFoldMs) continue;
+    if (due == nullptr || now - line.writtenMs > now - due->writtenMs) due = &line;
+  }
+  if (due != nullptr) writeRepeats(*due, now);
 }
 
 // Returns the line that `text` repeats, null if it is a new one.
@@ -157,11 +170,11 @@ void logLine(int level, const char* text) {
     repeated->seenMs = now;
     repeated->seenAs = theLog.seen;
     ++repeated->repeats;
+    writeOneReport(now);
+    return;
   }
   // A new line comes after the repeats that came before it.
-  for (Line& line : theLog.lines)
-    if (repeated == nullptr || now - line.writtenMs >= kFoldMs) writeRepeats(line, now);
-  if (repeated != nullptr) return;
+  for (Line& line : theLog.lines) writeRepeats(line, now);
   Line& line = placeForLine();
   writeLine(level, text);
   std::strcpy(line.text, text);

@@ -54,6 +54,20 @@ test_hardware_that_is_killed() {
   ends_in_time
 }
 
+# Each pass logs that the picture and both motion levels can't be read.
+test_hardware_that_is_killed_while_motion_is_watched() {
+  configure Video CompressionType 1
+  configure Motion1 Enable 1
+  configure Motion2 Enable 1
+  start_model B520
+  kill -KILL "$hardware"
+  eventually 5 logged "read(lumo) return"
+  eventually 5 logged "ioctl(VICAM_IOC_GET_MDWND1_STATUS) fail"
+  eventually 5 logged "ioctl(VICAM_IOC_GET_MDWND2_STATUS) fail"
+  says_little 8
+  ends_in_time
+}
+
 test_camera_without_its_hardware() {
   drivers=$build/board/drivers/libvs_drivers.so
   start_daemon -B520 -mv

@@ -89,6 +89,20 @@ TEST_F(Log, EndlessRepeatsAreReportedOnceASecond) {
   EXPECT_EQ(reported + rest, written);
 }
 
+// The repeats of each line that comes without end are reported, and none more often than others.
+TEST_F(Log, EndlessLinesThatTakeTurnsShareOneReportASecond) {
+  const std::uint32_t start = monotonicMs();
+  while (monotonicMs() - start < 4500) {
+    for (const char* text : {"one", "two", "three"}) logEx(3, "%s", text);
+    os::usleep(5000);
+  }
+  const auto lines = log.lines();
+  ASSERT_THAT(lines, SizeIs(testing::AllOf(testing::Ge(3U + 3U), testing::Le(3U + 4U))));
+  EXPECT_THAT(lines[3], testing::MatchesRegex("3 repeated [0-9]+ times: one"));
+  EXPECT_THAT(lines[4], testing::MatchesRegex("3 repeated [0-9]+ times: two"));
+  EXPECT_THAT(lines[5], testing::MatchesRegex("3 repeated [0-9]+ times: three"));
+}
+
 TEST_F(Log, LineAfterAPauseIsWrittenAgain) {
   logEx(3, "now and then");
   os::usleep(1050000);
