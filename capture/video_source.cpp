@@ -188,22 +188,25 @@ void TVideoSource::execute() {
 void TVideoSource::pass() {
   int length = 0;
   {
-    TAutoFrame frame(sbVideo(), 0, nullptr, nullptr, kReserveMs);
+    // One handle for the frame and for its size: the segment behind sbVideo() may be replaced by
+    // one with larger frames meanwhile. That of a replaced segment counts as empty.
+    SB_HANDLE* const video = sbVideo();
+    TAutoFrame frame(video, 0, nullptr, nullptr, kReserveMs);
     if (!frame) {
       logEx(1, "video buffer busy");
       os::usleep(kBusyUs);
       return;
     }
-    length = fill(*frame.get());
+    length = fill(*frame.get(), TWriter::getFrameSize(video));
   }
   config();
   if (length < 1) os::usleep(kFailedUs);
 }
 
-// Reads one frame with its record. Returns the length of the picture, below 1 when there is none:
-// the record says so and the frame is not shown to readers.
-int TVideoSource::fill(SB_FRAME& frame) {
-  const int length = camera_->getImage(frame.payload, TWriter::getFrameSize(sbVideo()));
+// Reads one frame, whose payload has `size` bytes, with its record. Returns the length of the
+// picture, below 1 when there is none: the record says so and the frame is not shown to readers.
+int TVideoSource::fill(SB_FRAME& frame, long size) {
+  const int length = camera_->getImage(frame.payload, size);
   stampFrame(frame, *camera_->getTime(), length, getFrameCount());
   for (int text = 0; text < kFrameTexts; ++text) camera_->getUserdata(text, frame.userdata[text]);
   return length;

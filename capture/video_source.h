@@ -41,7 +41,7 @@ class TVideoSource : public PThread {
 
  private:
   void pass();
-  int fill(SB_FRAME& frame);
+  int fill(SB_FRAME& frame, long size);
 
   std::unique_ptr<TCamera> camera_;
 };

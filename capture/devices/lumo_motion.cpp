@@ -130,8 +130,6 @@ int TLumoCam::programWindow(tag_MotionDetect* record, int window, bool fromConfi
   const bool loaded = getMotionDetection(record, window, fromConfig);
   if (loaded) clamp(record);
   const bool enabled = loaded && record->enable > 0;
-  // The threshold first: who asks for the motion of an enabled window on another thread should not
-  // find an old one.
   if (enabled) state.threshold = record->threshold;
   state.enabled = enabled;
   if (!enabled) return 0;
