@@ -54,6 +54,7 @@ void StreamCheck::take(const RawFrame& frame) {
 }
 
 void StreamCheck::noteTexts(const RawFrame& frame) {
+  formerHeader_ = lastHeader_;
   if (frame.text(0) != lastHeader_) {
     if (frames_ > 1) ++headerChanges_;
     lastHeader_ = frame.text(0);
@@ -88,6 +89,7 @@ void StreamCheck::takeChunk(const RawFrame& frame, const Chunk& chunk) {
   }
   type_ = chunk.type;
   header_ = fromHex(frame.text(0));
+  headerIsNew_ = formerHeader_ != lastHeader_;
   began_ = frame;
   gathered_.assign(reinterpret_cast<const char*>(chunk.data), chunk.size);
   if (type_ == kJpeg) complete(false);
@@ -141,6 +143,13 @@ bool StreamCheck::decode(const StreamHeader& header, bool mayBeCut) {
   const AVFrame* picture = decoder_->decode(gathered_, &error);
   if (picture == nullptr && mayBeCut) {
     ++cut_;
+    return false;
+  }
+  // The camera takes the header at the end of a frame. Settings change between two frames; but when
+  // the TV standard changes in the middle of one, pictures from before carry the header from
+  // behind.
+  if (picture == nullptr && type_ == kKey && headerIsNew_ && straysAllowed_ > 0) {
+    ++strays_;
     return false;
   }
   if (picture == nullptr && error.empty() && !start.coded) {
@@ -222,7 +231,7 @@ std::string StreamCheck::json() const {
   out << "{\"frames\":" << frames_ << ",\"chunks\":" << chunks_ << ",\"largestChunk\":" << largest_
       << ",\"gaps\":" << gaps_ << ",\"key\":" << keys_ << ",\"predicted\":" << predicted_
       << ",\"jpeg\":" << jpegs_ << ",\"unchanged\":" << unchanged_ << ",\"cut\":" << cut_
-      << ",\"errors\":" << errorCount_ << ",\"complaints\":[";
+      << ",\"strays\":" << strays_ << ",\"errors\":" << errorCount_ << ",\"complaints\":[";
   for (std::size_t i = 0; i < errors_.size(); ++i) out << (i > 0 ? "," : "") << quoted(errors_[i]);
   out << "],\"sizes\":{";
   const char* comma = "";

@@ -14,7 +14,8 @@ class StreamCheck {
  public:
   // `whole`: each frame is a whole picture with its header (stream "video2"), not chunks of a
   // stream.
-  explicit StreamCheck(bool whole) : whole_(whole) {}
+  // `strays`: so many key pictures may not decode because the TV standard changed in their frame.
+  StreamCheck(bool whole, long strays) : whole_(whole), straysAllowed_(strays) {}
 
   void take(const RawFrame& frame);
   // Judges what is still gathered.
@@ -22,7 +23,7 @@ class StreamCheck {
 
   // Pictures that were decoded, or should have been.
   long pictures() const { return keys_ + predicted_ + jpegs_; }
-  bool good() const { return errorCount_ == 0 && pictures() > 0; }
+  bool good() const { return errorCount_ == 0 && strays_ <= straysAllowed_ && pictures() > 0; }
   long errors() const { return errorCount_; }
   // The newest picture as PNG. Returns false when there is none.
   bool storeLast(const std::string& file) const;
@@ -48,12 +49,14 @@ class StreamCheck {
   void noteTexts(const RawFrame& frame);
 
   bool whole_;
+  long straysAllowed_;
   std::uint32_t lastNumber_ = 0;
 
   // The picture that is being gathered, 0: none, for it began before we came, or a gap was in it.
   char type_ = 0;
   std::string gathered_;
-  std::string header_;  // bytes of the frame in which it began
+  std::string header_;        // bytes of the frame in which it began
+  bool headerIsNew_ = false;  // the frame before that had another
   RawFrame began_;
 
   std::unique_ptr<Decoder> decoder_;  // of the chain that began with the last key frame
@@ -63,9 +66,9 @@ class StreamCheck {
                                                      [](AVFrame* f) { av_frame_free(&f); }};
 
   long frames_ = 0, chunks_ = 0, gaps_ = 0, keys_ = 0, predicted_ = 0, jpegs_ = 0;
-  long unchanged_ = 0, cut_ = 0, errorCount_ = 0;
+  long unchanged_ = 0, cut_ = 0, strays_ = 0, errorCount_ = 0;
   long headerChanges_ = 0, largest_ = 0, sizeMismatches_ = 0;
-  std::string lastHeader_;
+  std::string lastHeader_, formerHeader_;  // texts of the last two frames
   std::map<std::string, long> sizes_;
   std::vector<std::string> order_;  // sizes as they came, without repetition
   std::vector<std::string> errors_;

@@ -27,13 +27,15 @@ constexpr char kUsage[] =
     "frame\n"
     "  --shake-modes N   the same with the streaming mode among them\n"
     "  --seed N          other changes than with the usual one\n"
+    "  --strays N        so many key pictures may carry a header from after a change of the TV "
+    "standard\n"
     "Prints a JSON object. Ends with 0 when there were pictures and not one error, else with 1.\n";
 
 volatile std::sig_atomic_t ended = 0;
 
 struct Options {
   std::string board, stream = "video", last, write;
-  long seconds = 10, pictures = 0, shake = 0;
+  long seconds = 10, pictures = 0, shake = 0, strays = 0;
   bool modes = false;
   unsigned seed = 1;
 };
@@ -55,6 +57,8 @@ bool parse(int argc, char** argv, Options* options) {
       options->seconds = number;
     else if (name == "--pictures")
       options->pictures = number;
+    else if (name == "--strays")
+      options->strays = number;
     else if (name == "--shake" || name == "--shake-modes")
       options->shake = number, options->modes = name != "--shake";
     else if (name == "--seed")
@@ -89,7 +93,7 @@ int main(int argc, char** argv) {
   std::signal(SIGTERM, [](int) { ended = 1; });
   setPlatformRoot(options.board);
   const bool second = options.stream == "video2";
-  StreamCheck check(second);
+  StreamCheck check(second, options.strays);
   Shaker shaker(options.shake, options.seed, options.modes);
   const std::uint32_t begun = monotonicMs();
   if (!options.write.empty()) {
