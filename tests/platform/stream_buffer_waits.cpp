@@ -1,8 +1,6 @@
-// Waiting, numbers that wrap, and what a call costs.
+// Waiting, and numbers that wrap.
 #include <signal.h>
 #include <unistd.h>
-#include <algorithm>
-#include <chrono>
 #include <memory>
 #include <thread>
 
@@ -202,25 +200,6 @@ TEST_F(StreamBuffer, ReadersCanNotWriteIntoFrames) {
   EXPECT_NE(reader.wait(), 0);
   Place place;
   EXPECT_EQ(readFrame(sbVideo(), &place), 1U);
-}
-
-// It is called before each use, so it must not look at the file, nor at the clock.
-TEST_F(StreamBuffer, AskingForTheHandleCostsLessThanAskingForTheTime) {
-  ASSERT_TRUE(own());
-  constexpr int kCalls = 200000;
-  const auto shortest = [](const std::function<void()>& call) {
-    std::uint32_t best = UINT32_MAX;
-    for (int i = 0; i < 5; ++i) {
-      const auto start = std::chrono::steady_clock::now();
-      for (int n = 0; n < kCalls; ++n) call();
-      const auto passed = std::chrono::steady_clock::now() - start;
-      best = std::min(best, static_cast<std::uint32_t>(passed / std::chrono::microseconds(1)));
-    }
-    return best;
-  };
-  const std::uint32_t handle = shortest([] { sbVideo(); });
-  const std::uint32_t time = shortest([] { monotonicMs(); });
-  EXPECT_LT(handle, time) << "us for " << kCalls << " calls";
 }
 
 }  // namespace
