@@ -2,7 +2,6 @@
 #include <signal.h>
 #include <unistd.h>
 #include <memory>
-#include <thread>
 
 #include "platform/linux/stream_buffer_handle.h"
 #include "platform/linux/stream_buffer_streams.h"
