@@ -69,7 +69,9 @@ std::string describeRequest(const Request* request, unsigned number,
   std::string line = request != nullptr ? request->name : unknown;
   const bool isOut = request != nullptr && request->argument == Argument::kHeader;
   if (request != nullptr && !isOut) line += " " + describe(request->argument, before);
-  line += " -> " + (result < 0 ? errorName(-result) : std::to_string(result));
+  // Unsigned, because a chip may answer any number, also the one without a counterpart.
+  const int error = static_cast<int>(0U - static_cast<unsigned>(result));
+  line += " -> " + (result < 0 ? errorName(error) : std::to_string(result));
   if (request != nullptr && result >= 0 && (isOut || after != before))
     line += ", " + describe(request->argument, after);
   return line;
