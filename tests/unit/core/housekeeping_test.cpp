@@ -189,6 +189,14 @@ class Housekeeping : public testing::Test {
 const char* const kEurope = "CET-1CEST,M3.5.0,M10.5.0/3";
 const char* const kAustralia = "AEST-10AEDT,M10.1.0,M4.1.0/3";
 
+// A month takes half a minute where code is emulated or watched for races, which one thread on a
+// virtual clock has none of: one month is enough there.
+#if defined(__mips__) || defined(__SANITIZE_THREAD__)
+#define ONE_MONTH_IS_ENOUGH() GTEST_SKIP() << "one month is enough in a slow build"
+#else
+#define ONE_MONTH_IS_ENOUGH() static_cast<void>(0)
+#endif
+
 TEST_F(Housekeeping, ThirtyDaysWithClocksPutForwardInTheNorth) {
   begin(kEurope, "2024-03-10 07:13:45");
   expectAsCalculated(30 * kDayMs);
@@ -198,18 +206,21 @@ TEST_F(Housekeeping, ThirtyDaysWithClocksPutForwardInTheNorth) {
 }
 
 TEST_F(Housekeeping, ThirtyDaysWithClocksPutBackInTheNorth) {
+  ONE_MONTH_IS_ENOUGH();
   script.syncSeconds = 86400;
   begin(kEurope, "2024-10-10 23:59:58");
   expectAsCalculated(30 * kDayMs);
 }
 
 TEST_F(Housekeeping, ThirtyDaysWithClocksPutForwardInTheSouth) {
+  ONE_MONTH_IS_ENOUGH();
   script.syncSeconds = 7;
   begin(kAustralia, "2024-09-20 00:00:00");
   expectAsCalculated(30 * kDayMs);
 }
 
 TEST_F(Housekeeping, ThirtyDaysWithClocksPutBackInTheSouth) {
+  ONE_MONTH_IS_ENOUGH();
   script.configChanges = {{5 * kDayMs + 1234, 600}, {9 * kDayMs, -3600}, {20 * kDayMs + 1, 3600}};
   script.sambaGone = {6 * kDayMs, 6 * kDayMs + 3600000};
   begin(kAustralia, "2024-03-20 12:00:00");
