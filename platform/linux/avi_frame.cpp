@@ -6,6 +6,7 @@
 #include "platform/bytes.h"
 #include "platform/linux/vol_header.h"
 #include "platform/media.h"
+#include "platform/mpg430.h"
 
 namespace {
 
@@ -20,7 +21,7 @@ constexpr std::uint32_t kFileHeader = 56;  // "avih"
 constexpr std::uint32_t kStreamHead = 56;  // "strh"
 constexpr std::uint32_t kBitmapInfo = 40;  // "strf" without what follows it
 constexpr std::uint32_t kIndexEntry = 16;
-constexpr std::uint32_t kFormat = kBitmapInfo + kStreamHeaderBytes;
+constexpr std::uint32_t kFormat = kBitmapInfo + kMpg430HeaderBytes;
 constexpr std::uint32_t kStreamList = kListHead + kChunkHead + kStreamHead + kChunkHead + kFormat;
 constexpr std::uint32_t kHeaderList = kListHead + kChunkHead + kFileHeader + kStreamList;
 // Everything but the picture.
@@ -83,7 +84,7 @@ void writeHeaders(Output& out, const char* streamHeader, std::uint32_t length, P
 
   out.chunk("strf", kFormat).word(kFormat).word(width).word(height);
   out.halves(1, 24).tag(kTag).word(width * height * 3).zeros(4);  // planes, bits of a pixel
-  out.bytes(streamHeader, kStreamHeaderBytes);
+  out.bytes(streamHeader, kMpg430HeaderBytes);
 }
 
 }  // namespace
@@ -92,7 +93,7 @@ void writeHeaders(Output& out, const char* streamHeader, std::uint32_t length, P
 // in the one place, some in the other.
 long i2avi(const char* data, long length, char* buffer, long capacity) {
   PictureSize size{};
-  if (length <= kStreamHeaderBytes || !readPictureSize(data, length, &size)) return -1;
+  if (length <= kMpg430HeaderBytes || !readPictureSize(data, length, &size)) return -1;
   // Sizes are words of 32 bit, which some players take for signed ones.
   constexpr long kLongest = std::numeric_limits<std::int32_t>::max() - long{kOverhead} - 1;
   if (length > kLongest) return -1;

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "platform/mpg430.h"
+
 namespace {
 
 constexpr int kLongestSide = 2048;
@@ -90,7 +92,7 @@ bool readLayer(Bits bits, PictureSize* size) {
 
 bool readPictureSize(const char* data, long length, PictureSize* size) {
   const auto* bytes = reinterpret_cast<const unsigned char*>(data);
-  const long end = std::min(length, kStreamHeaderBytes);
+  const long end = std::min<long>(length, kMpg430HeaderBytes);
   for (long at = 0; at + kStartCodeBytes <= end; ++at) {
     if (bytes[at] != 0 || bytes[at + 1] != 0 || bytes[at + 2] != 1) continue;
     const unsigned code = bytes[at + 3];

@@ -4,10 +4,11 @@
 
 #include "capture/chunk_trailer.h"
 #include "platform/media.h"
+#include "platform/mpg430.h"
 
 namespace {
 
-constexpr std::size_t kHeaderBytes = 20;
+constexpr std::size_t kHeaderBytes = kMpg430HeaderBytes;
 // Nobody makes a picture of so many bytes: a stream without an end of one is no stream.
 constexpr std::size_t kMostGathered = 16 << 20;
 

@@ -1,6 +1,7 @@
 #include "tools/camctl/newest_frame.h"
 
 #include "platform/media.h"
+#include "platform/mpg430.h"
 #include "tools/camctl/frame_reader.h"
 
 namespace {
@@ -9,7 +10,7 @@ constexpr long kAgeMs = 3000;  // even the slowest camera has one of that age
 constexpr int kLevels = 2;
 
 PictureSize sizeIn(const std::string& header) {
-  char bytes[kStreamHeaderBytes];
+  char bytes[kMpg430HeaderBytes];
   PictureSize size{};
   readPictureSize(bytes, hex2bin(header.c_str(), bytes, sizeof bytes), &size);
   return size;
