@@ -1,6 +1,8 @@
 // Getters of the camera's configuration database, /etc/camera.conf: see docs/configuration.md.
 #pragma once
 
+constexpr char kCameraConfig[] = "/etc/camera.conf";
+
 // All: 0 on success; otherwise non-zero (the key is absent or no number) and `*value` is unchanged.
 // Any thread.
 int get_resolution(int* value);

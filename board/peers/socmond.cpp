@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "platform/camera_config.h"
 #include "platform/ini_file.h"
 #include "platform/message.h"
 
@@ -40,7 +41,7 @@ int listenForMessages() {
 // Writes "1" or "0" into the value file of `output`. Returns true on success.
 bool show(const Output& output, bool on) {
   char path[kPathSize];
-  getIniStr("/etc/camera.conf", "IO", output.key, path, kPathSize, output.file);
+  getIniStr(kCameraConfig, "IO", output.key, path, kPathSize, output.file);
   const int fd = open(path, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
   if (fd < 0) return false;
   const bool written = write(fd, on ? "1\n" : "0\n", 2) == 2;

@@ -7,11 +7,12 @@
 
 namespace {
 
-const char* const kFile = "/etc/camera.conf";
 constexpr std::size_t kTextSize = 64;
 
-int video(const char* key, int* value) { return iniInteger(kFile, "Video", key, value); }
-int picture(const char* key, int* value) { return iniInteger(kFile, "Picture", key, value); }
+int video(const char* key, int* value) { return iniInteger(kCameraConfig, "Video", key, value); }
+int picture(const char* key, int* value) {
+  return iniInteger(kCameraConfig, "Picture", key, value);
+}
 
 }  // namespace
 
@@ -35,7 +36,7 @@ int get_backlight_comp(int* value) { return picture("BacklightCompensation", val
 
 int get_frame_rate(char* text, int size) {
   char value[kTextSize];
-  if (size < 1 || !iniText(kFile, "Video", "FrameRate", value, sizeof value)) return -1;
+  if (size < 1 || !iniText(kCameraConfig, "Video", "FrameRate", value, sizeof value)) return -1;
   std::snprintf(text, static_cast<std::size_t>(size), "%s", value);
   return 0;
 }
@@ -44,6 +45,6 @@ int get_frame_rate(char* text, int size) {
 // is such an input: its device gets the number through TCamera.
 int set_channel(int channel) {
   int channels = 1;
-  iniInteger(kFile, "Video", "Channels", &channels);
+  iniInteger(kCameraConfig, "Video", "Channels", &channels);
   return channel >= 0 && channel < channels ? 0 : -1;
 }

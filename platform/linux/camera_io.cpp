@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string>
 
+#include "platform/camera_config.h"
 #include "platform/linux/folders.h"
 #include "platform/linux/ini_value.h"
 #include "platform/linux/root.h"
@@ -19,7 +20,7 @@ constexpr std::size_t kNameSize = 256;
 // second.
 bool findFile(const char* key, const char* usual, char (&path)[PATH_MAX]) {
   char name[kNameSize];
-  const bool named = iniText("/etc/camera.conf", "IO", key, name, sizeof name) && *name != '\0';
+  const bool named = iniText(kCameraConfig, "IO", key, name, sizeof name) && *name != '\0';
   return rooted(named ? name : usual, path, sizeof path);
 }
 

@@ -3,13 +3,13 @@
 
 #include <cstring>
 
+#include "platform/camera_config.h"
 #include "platform/ini_file.h"
 #include "platform/linux/ini_value.h"
 #include "platform/log.h"
 
 namespace {
 
-const char* const kFile = "/etc/camera.conf";
 constexpr std::size_t kLineSize = 256;   // longer than any line of the file
 constexpr std::size_t kUtf8Longest = 4;  // bytes of one character
 
@@ -26,7 +26,7 @@ std::size_t keptOf(const char* text, std::size_t most) {
 // Reads the text, without the quotes that keep its blanks.
 void readText(const char* section, tag_Overlay* overlay) {
   char line[kLineSize];
-  if (!iniText(kFile, section, "Text", line, sizeof line)) return;
+  if (!iniText(kCameraConfig, section, "Text", line, sizeof line)) return;
   const char* text = line;
   std::size_t length = std::strlen(line);
   if (length >= 2 && line[0] == '"' && line[length - 1] == '"') {
@@ -36,7 +36,7 @@ void readText(const char* section, tag_Overlay* overlay) {
   constexpr std::size_t kMost = sizeof overlay->text - 1;
   if (length > kMost) {
     length = keptOf(text, kMost);
-    logEx(2, "%s: [%s] Text is cut to its first %zu bytes", kFile, section, length);
+    logEx(2, "%s: [%s] Text is cut to its first %zu bytes", kCameraConfig, section, length);
   }
   std::memcpy(overlay->text, text, length);
   overlay->text[length] = '\0';
@@ -44,13 +44,13 @@ void readText(const char* section, tag_Overlay* overlay) {
 
 int readOverlay(const char* section, tag_Overlay* overlay) {
   tag_Overlay read{};
-  if (iniInteger(kFile, section, "Enable", &read.enable) != 0) return -1;
-  read.x = getIniInt(kFile, section, "X", 0);
-  read.y = getIniInt(kFile, section, "Y", 0);
+  if (iniInteger(kCameraConfig, section, "Enable", &read.enable) != 0) return -1;
+  read.x = getIniInt(kCameraConfig, section, "X", 0);
+  read.y = getIniInt(kCameraConfig, section, "Y", 0);
   readText(section, &read);
-  read.colour = getIniInt(kFile, section, "Colour", 0);
-  read.transparency = getIniInt(kFile, section, "Transparency", 0);
-  read.showTime = getIniInt(kFile, section, "ShowTime", 0);
+  read.colour = getIniInt(kCameraConfig, section, "Colour", 0);
+  read.transparency = getIniInt(kCameraConfig, section, "Transparency", 0);
+  read.showTime = getIniInt(kCameraConfig, section, "ShowTime", 0);
   *overlay = read;
   return 0;
 }

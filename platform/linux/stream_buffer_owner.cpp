@@ -10,6 +10,7 @@
 #include <cstring>
 #include <string>
 
+#include "platform/camera_config.h"
 #include "platform/linux/root.h"
 #include "platform/linux/stream_buffer_handle.h"
 #include "platform/linux/stream_buffer_points.h"
@@ -31,7 +32,7 @@ constexpr int kTries = 50;  // against creators that come at the same instant
 std::uint32_t configuredNumber(const std::string& key, std::uint32_t fallback,
                                bool (*fits)(std::uint32_t)) {
   if (readIni == nullptr) return fallback;
-  const std::string file = rooted("/etc/camera.conf");
+  const std::string file = rooted(kCameraConfig);
   const int value = readIni(file.c_str(), "Buffers", key.c_str(), static_cast<int>(fallback));
   if (value >= 0 && fits(static_cast<std::uint32_t>(value))) {
     return static_cast<std::uint32_t>(value);

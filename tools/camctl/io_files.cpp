@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string>
 
+#include "platform/camera_config.h"
 #include "platform/ini_file.h"
 #include "platform/linux/root.h"
 
@@ -14,7 +15,7 @@ namespace {
 
 bool setValue(const char* key, const char* usualFile, bool on) {
   char name[256];
-  getIniStr("/etc/camera.conf", "IO", key, name, sizeof name, usualFile);
+  getIniStr(kCameraConfig, "IO", key, name, sizeof name, usualFile);
   const std::string path = rooted(name);
   const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
   bool written = fd >= 0 && write(fd, on ? "1\n" : "0\n", 2) == 2;
