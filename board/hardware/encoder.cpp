@@ -29,16 +29,11 @@ OverlayLayer inputLabel(int input) {
   return input == 0 ? OverlayLayer() : drawLabel("INPUT " + std::to_string(input), kInputLabel);
 }
 
-Pace* realPace() {
-  static Pace pace;
-  return &pace;
-}
-
 }  // namespace
 
 struct Encoder::Parts {
   Parts(World* w, Sensor* s, Pace* p)
-      : world(w), sensor(s), pace(p ? p : realPace()), settings(w->standard()) {}
+      : world(w), sensor(s), pace(p ? p : Pace::real()), settings(w->standard()) {}
 
   int set(unsigned request, int value);
   void start();

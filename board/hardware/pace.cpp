@@ -6,6 +6,11 @@ namespace {
 using Clock = std::chrono::steady_clock;
 }
 
+Pace* Pace::real() {
+  static Pace pace;
+  return &pace;
+}
+
 std::int64_t Pace::nowMs() {
   const auto since = Clock::now().time_since_epoch();
   return std::chrono::duration_cast<std::chrono::milliseconds>(since).count();

@@ -13,6 +13,9 @@ class Pace {
   Pace& operator=(const Pace&) = delete;
   virtual ~Pace() = default;
 
+  // The real time, for whoever is given no other.
+  static Pace* real();
+
   // Milliseconds on the monotonic clock.
   virtual std::int64_t nowMs();
   // Waits until then or until `changed` is notified, with `lock` open meanwhile.

@@ -16,10 +16,9 @@
 // Each group of fields has its own lock, so that a request never waits for a picture. Locks are
 // taken in the order of the groups, from the last to the first.
 struct Sensor::Parts {
-  Parts(World* seen, Pace* given) : world(seen), pace(given != nullptr ? given : &realTime) {}
+  Parts(World* seen, Pace* given) : world(seen), pace(given != nullptr ? given : Pace::real()) {}
 
   World* world;
-  Pace realTime;
   Pace* pace;
 
   std::mutex settingsMutex;

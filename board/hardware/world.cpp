@@ -3,7 +3,7 @@
 #include <utility>
 
 World::World(std::unique_ptr<Scene> scene, Pace* pace)
-    : pace_(pace != nullptr ? pace : &realTime_),
+    : pace_(pace != nullptr ? pace : Pace::real()),
       scene_(std::move(scene)),
       startMs_(pace_->nowMs()),
       last_(makePicture(kSceneWidth, kSceneHeight)) {}

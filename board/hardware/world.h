@@ -39,7 +39,6 @@ class World {
   std::int64_t look(AVFrame* picture);
 
  private:
-  Pace realTime_;
   Pace* const pace_;
   mutable std::mutex mutex_;
   std::unique_ptr<Scene> scene_;
