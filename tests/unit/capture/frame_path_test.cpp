@@ -12,6 +12,7 @@
 #include "tests/fakes/allocations.h"
 #include "tests/fakes/copies.h"
 #include "tests/unit/capture/devices/lumo_fixture.h"
+#include "tests/unit/capture/run_frames.h"
 
 namespace {
 
@@ -53,17 +54,6 @@ class FramePath : public LumoFixture {
     return std::make_unique<TVideoSource>(args, std::make_unique<TLumoCam>());
   }
 
-  // Runs the thread for so many frames.
-  void runFor(TVideoSource& source, long frames) {
-    const long last = fake.video.published() + frames;
-    fake.video.onPublish([this, last](const FakeFrame&) {
-      if (fake.video.published() >= last) fake.stopNow();
-    });
-    source.run();
-    fake.runBody(source);
-    TApplication::stopped = false;
-  }
-
   // What the drivers were given to write to, and what they wrote.
   struct Read {
     const char* to;
@@ -81,11 +71,11 @@ TEST_F(FramePath, TheDriverWritesWhereTheReaderReads) {
   std::int32_t epoch = 0;
   for (const int mode : {0, 1, 2, 3}) {
     const auto source = cameraInMode(mode);
-    runFor(*source, 1);
+    runFrames(fake, *source, 1);
     while (TAutoFrame(sbVideo(), 0, &number, &epoch, 0)) {
     }
     reads.clear();
-    runFor(*source, 1);
+    runFrames(fake, *source, 1);
     const TAutoFrame reader(sbVideo(), 0, &number, &epoch, 0);
     ASSERT_TRUE(reader) << mode;
     const char* at = reader->payload;
@@ -106,10 +96,10 @@ TEST_F(FramePath, NothingIsCopiedOrAllocatedForReaders) {
   for (const int mode : {0, 1, 2, 3}) {
     const auto source = cameraInMode(mode);
     jpgWriter()->delRef(source->camera());  // mode 3 takes it for itself
-    runFor(*source, 2);
+    runFrames(fake, *source, 2);
     const long copied = copiedBytes();
     const long allocated = allocations();
-    runFor(*source, 100);
+    runFrames(fake, *source, 100);
     EXPECT_EQ(copiedBytes() - copied, 0) << mode;
     EXPECT_EQ(allocations() - allocated, 0) << mode;
   }
@@ -119,11 +109,12 @@ TEST_F(FramePath, NothingIsCopiedOrAllocatedForReaders) {
 TEST_F(FramePath, KeyFramesAreCopiedOnceForRecordersAndOnceIntoTheirBuffer) {
   const auto source = cameraInMode(0);
   aviWriter()->addRef(this);
-  runFor(*source, 4);  // twelve chunks: what was gathered last is complete, and not yet published
+  runFrames(fake, *source,
+            4);  // twelve chunks: what was gathered last is complete, and not yet published
   const long copied = copiedBytes();
   const long published = fake.video2.published();
   keyBytes = 0;
-  runFor(*source, 40);
+  runFrames(fake, *source, 40);
   EXPECT_EQ(fake.video2.published() - published, 30);
   EXPECT_EQ(keyBytes, 30 * 2 * kChunk);
   EXPECT_EQ(copiedBytes() - copied, 2 * keyBytes + 30 * TAviWriter::kHeaderBytes);
@@ -132,9 +123,9 @@ TEST_F(FramePath, KeyFramesAreCopiedOnceForRecordersAndOnceIntoTheirBuffer) {
 TEST_F(FramePath, PicturesAreCopiedOnceIntoTheRecordersBuffer) {
   const auto source = cameraInMode(2);
   jpgWriter()->addRef(this);
-  runFor(*source, 2);
+  runFrames(fake, *source, 2);
   const long copied = copiedBytes();
-  runFor(*source, 40);
+  runFrames(fake, *source, 40);
   EXPECT_EQ(copiedBytes() - copied, 40 * kJpeg);
 }
 

@@ -6,6 +6,7 @@
 #include "capture/video_args.h"
 #include "capture/video_source.h"
 #include "tests/unit/capture/devices/mpg430_fixture.h"
+#include "tests/unit/capture/run_frames.h"
 
 namespace {
 
@@ -20,17 +21,6 @@ class EncoderStream : public Mpg430Fixture {
     args.resolution = 7;
   }
   ~EncoderStream() override { aviWriter()->delRef(this); }
-
-  // Runs the thread for so many frames.
-  void runFor(TVideoSource& source, long frames) {
-    const long last = fake.video.published() + frames;
-    fake.video.onPublish([this, last](const FakeFrame&) {
-      if (fake.video.published() >= last) fake.stopNow();
-    });
-    source.run();
-    fake.runBody(source);
-    TApplication::stopped = false;
-  }
 
   TVideoArgs args;
 };
@@ -57,14 +47,14 @@ TEST_F(EncoderStream, TheFirstFrameBringsEverySettingToTheDriverInOrder) {
   TVideoSource source(args);
   chunks.assign(6, key(10));
   takeRequests();
-  runFor(source, 1);
+  runFrames(fake, source, 1);
   EXPECT_THAT(takeRequests(),
               ElementsAre("ioctl(02000000,1)", "ioctl(00a00000,2)", "ioctl(01300000,5)",
                           "ioctl(02700000,10)", "ioctl(00800000,7)",
                           "ioctl(02200000,256,-31488,-31744,-32000)", "ioctl(01200000)"));
   EXPECT_EQ(fake.video.slot(kSlotFormat), 7 | 5 << 8);
   EXPECT_EQ(fake.video.slot(kSlotStatus), 2 << 8 | 7 << 22);
-  runFor(source, 1);
+  runFrames(fake, source, 1);
   EXPECT_THAT(takeRequests(), IsEmpty());
 }
 
@@ -76,7 +66,7 @@ TEST_F(EncoderStream, AFrameHasItsRecordItsChunksAndItsTrailers) {
   TDateTime time;
   time.set();
   fake.video.onPublish([](const FakeFrame&) {});
-  runFor(source, 1);
+  runFrames(fake, source, 1);
   const FakeFrame frame0 = fake.video.last();
   EXPECT_EQ(frame0.length, 1500);
   EXPECT_EQ(frame0.payload, key(1000, 'a') + more(200, 'b') + more(300, 'c'));
@@ -102,14 +92,14 @@ TEST_F(EncoderStream, RecordersGetTheKeyFrameBehindItsHeader) {
   TVideoSource source(args);
   chunks = {{key(1000, 'a')}, {more(500, 'b')}, {predicted(300)},
             {key(800, 'c')},  {more(1)},        {more(1)}};
-  runFor(source, 1);
+  runFrames(fake, source, 1);
   ASSERT_EQ(fake.video2.published(), 1);
   EXPECT_EQ(fake.video2.last().length, 1520);
   EXPECT_EQ(fake.video2.last().payload, streamHeader + key(1000, 'a') + more(500, 'b'));
-  runFor(source, 1);
+  runFrames(fake, source, 1);
   EXPECT_EQ(fake.video2.published(), 1);
   chunks.assign(3, predicted(10));
-  runFor(source, 1);
+  runFrames(fake, source, 1);
   EXPECT_EQ(fake.video2.published(), 2);
   EXPECT_EQ(fake.video2.last().payload, streamHeader + key(800, 'c') + more(2));
 }
@@ -118,7 +108,7 @@ TEST_F(EncoderStream, GoesOnWhenTheDriverRecovers) {
   TVideoSource source(args);
   chunks.assign(6, key(10));
   fake.fails("os::read", 1000);
-  runFor(source, 2);
+  runFrames(fake, source, 2);
   EXPECT_EQ(fake.logged("read(MPG430) return -1"), 1000);
   EXPECT_EQ(fake.video.last().length, 30);
   EXPECT_EQ(fake.video.last().number, 2);
