@@ -15,6 +15,7 @@ long write(int fd, const void* data, std::size_t size);
 long lseek(int fd, long offset, int whence);
 int ioctl(int fd, unsigned long request, void* argument);
 int close(int fd);
+int unlink(const char* path);
 int fcntl(int fd, int command, long argument);
 int getpid();
 

@@ -21,3 +21,23 @@ int open2(const char* path, int flags);
 // On failure (too long, a part "..", a control character) the destination is empty, returns -1 and
 // logs 2 "unsafe path refused: %s" or 2 "path too long: %s"; otherwise returns the length.
 int slash(const char* source, char* destination, int capacity, int how);
+
+// Below, `folder` and `path` begin with a slash. Parts ".." and control characters are refused as
+// by open2(). Any thread.
+
+// Finds the oldest of the recordings in `folder` by name: among its folders named by eight digits
+// (days), or where there are none, among its files named by six digits, an optional "-" and number,
+// and the extension "avi" or "raw" (times of day). Other names don't count, nor do symbolic links.
+// Writes its whole path. 0 on success; otherwise -1 with `errno`, ENOENT when there is none.
+int get_oldest_name(const char* folder, char* name, int size);
+
+// Writes the folder that `path` lies in, without a slash at its end.
+// 0 on success; otherwise -1: there is no folder or it does not fit.
+int get_folder(const char* path, char* folder, int size);
+
+// Returns true iff there is such a folder.
+bool test_dir(const char* path);
+
+// Makes a folder and those above it, 0750. Below "/smb" nothing is made unless something is mounted
+// there (ENODEV). 0 on success, also when it exists; otherwise -1 with `errno`.
+int mkdir2(const char* path);

@@ -2,6 +2,7 @@
 #include "record/recorder.h"
 
 #include <algorithm>
+#include <cstdarg>
 #include <cstdio>
 #include <limits>
 
@@ -104,7 +105,6 @@ void TRecorder::start(long seconds) {
   run();
 }
 
-// Makes the last start's request the one that the body works on. Returns true iff it is a new one.
 bool TRecorder::takeRequest() {
   TRequest request;
   {
@@ -114,6 +114,7 @@ bool TRecorder::takeRequest() {
   }
   taken_ = request.count;
   duration_ = request.seconds;
+  startTime_ = request.start.wall;
   time_.begin(request.start);
   if (request.handle != handle_) {
     handle_ = request.handle;
@@ -225,9 +226,15 @@ const char* TRecorder::getExtention(const char* data) { return isJpeg(data) ? "j
 bool TRecorder::onSetname(const TDateTime& time, const char* extension) {
   short year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0;
   time.decode(year, month, day, hour, minute, second);
-  const int length =
-      std::snprintf(fileName_, sizeof fileName_, "%s%s%04d%02d%02d/%s%02d%02d%02d.%s", mountPoint_,
-                    folder_, year, month, day, prefix_, hour, minute, second, extension);
+  return setName("%s%s%04d%02d%02d/%s%02d%02d%02d.%s", mountPoint_, folder_, year, month, day,
+                 prefix_, hour, minute, second, extension);
+}
+
+bool TRecorder::setName(const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  const int length = std::vsnprintf(fileName_, sizeof fileName_, format, arguments);
+  va_end(arguments);
   if (length >= 0 && length < kNameBytes) return true;
   logEx(2, "recording name longer than %d bytes: %s", kNameBytes - 1, fileName_);
   return false;

@@ -23,6 +23,8 @@ struct SB_HANDLE;
 // The owner ends the body (TStopDeadline) before it deletes the recorder.
 class TRecorder : public PThread {
  public:
+  static constexpr int kNameBytes = 256;  // of a file name, terminator included
+
   // `camera`: not owned, must outlive the recorder; null only for kinds with their own getHandle().
   // `mountPoint`, `folder`, `prefix`: the parts of the names, see the setters.
   // Logs 1 "Video2 buflen is %ld, avibuf is not allocated" when there is no buffer "video2" to
@@ -70,6 +72,24 @@ class TRecorder : public PThread {
   // Logs 3 "TRecorder::getHandle() IPE" when there is no camera.
   virtual SB_HANDLE* getHandle();
 
+  // For kinds that take every frame (0) instead of one per second. Before the first start.
+  void setPause(unsigned seconds) { pause_ = seconds; }
+
+  // Writes a name into fileName(). Returns false when it does not fit, which
+  // logs 2 "recording name longer than %d bytes: %s".
+  bool setName(const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+  // The rest is for the body.
+  const char* folder() const { return folder_; }
+  const TDateTime& startTime() const { return startTime_; }  // of the start that is worked on
+  const TDateTime& frameTime() const { return frameTime_; }  // of the frame that is being handled
+  SB_HANDLE* handle() const { return handle_; }              // that it was taken from
+
+  // Makes the last start the one that the body works on. Returns true iff it is a new one.
+  bool takeRequest();
+  // Ends the body by itself, so that no start is lost meanwhile.
+  void endUnlessStartedAgain();
+
  private:
   // What the last start() asked for.
   struct TRequest {
@@ -79,8 +99,6 @@ class TRecorder : public PThread {
     std::uint32_t count = 0;      // of all starts so far: a new one shows by it
   };
 
-  bool takeRequest();
-  void endUnlessStartedAgain();
   bool pass();
   bool isNew(const SB_FRAME& frame);
   bool store(SB_FRAME& frame);
@@ -102,16 +120,14 @@ class TRecorder : public PThread {
   std::int32_t duration_ = 0;  // seconds
   std::uint32_t taken_ = 0;    // count of the request that the body works on
   TRecordingTime time_;
-  TDateTime frameTime_;  // of the frame that is being handled
-  unsigned pause_;       // seconds after each frame
-  TCamera* camera_;      // not owned
+  TDateTime startTime_;
+  TDateTime frameTime_;
+  unsigned pause_;   // seconds after each frame
+  TCamera* camera_;  // not owned
   long bufferLength_;
   std::unique_ptr<char[]> buffer_;  // converted pictures; null when there is no "video2"
   char mountPoint_[kPathBytes] = "";
   char folder_[kPathBytes] = "";
   char prefix_[kPrefixBytes] = "";
-
- protected:
-  static constexpr int kNameBytes = 256;
   char fileName_[kNameBytes] = "untitled";
 };

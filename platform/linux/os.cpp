@@ -79,6 +79,8 @@ int ioctl(int fd, unsigned long request, void* argument) { return ::ioctl(fd, re
 
 int close(int fd) { return ::close(fd); }
 
+int unlink(const char* path) { return ::unlink(path); }
+
 int fcntl(int fd, int command, long argument) { return ::fcntl(fd, command, argument); }
 
 int getpid() { return ::getpid(); }

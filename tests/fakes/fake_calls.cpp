@@ -54,6 +54,18 @@ int close(int fd) {
   return fake().files.close(fd);
 }
 
+int unlink(const char* path) {
+  FakeScope scope;
+  fake().record("unlink(" + std::string(path) + ")");
+  if (fake().failing("os::unlink")) return -1;
+  if (!fake().files.exists(path)) {
+    errno = ENOENT;
+    return -1;
+  }
+  fake().files.remove(path);
+  return 0;
+}
+
 int fcntl(int fd, int command, long argument) {
   FakeScope scope;
   fake().record("fcntl(" + std::to_string(fd) + "," + std::to_string(command) + "," +
