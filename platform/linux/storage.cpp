@@ -10,17 +10,14 @@
 #include <climits>
 #include <cstdint>
 #include <cstring>
-#include <utility>
 
 #include "platform/linux/mounts.h"
 #include "platform/linux/root.h"
+#include "platform/linux/safe_path.h"
 #include "platform/log.h"
 #include "platform/os.h"
 
 namespace {
-
-constexpr mode_t kFileMode = 0640;
-constexpr mode_t kFolderMode = 0750;
 
 int getMountState(const char* mountPoint, int* state) {
   char path[PATH_MAX];
@@ -29,70 +26,6 @@ int getMountState(const char* mountPoint, int* state) {
   if (mounted < 0) return -1;
   *state = mounted;
   return 0;
-}
-
-// Returns true iff `path` has neither a part ".." nor a control character.
-bool isSafe(const char* path) {
-  const char* part = path;
-  for (const char* c = path;; ++c) {
-    const auto byte = static_cast<unsigned char>(*c);
-    if (*c != '\0' && (byte < ' ' || byte == 0x7f)) return false;
-    if (*c != '/' && *c != '\0') continue;
-    if (c - part == 2 && part[0] == '.' && part[1] == '.') return false;
-    if (*c == '\0') return true;
-    part = c + 1;
-  }
-}
-
-// Logs the refusal, without the control characters that may be the reason. Returns -1.
-int refuse(const char* path) {
-  char shown[256];
-  std::size_t length = 0;
-  for (; path[length] != '\0' && length < sizeof shown - 1; ++length) {
-    const auto byte = static_cast<unsigned char>(path[length]);
-    shown[length] = byte < ' ' || byte == 0x7f ? '?' : path[length];
-  }
-  shown[length] = '\0';
-  logEx(2, "unsafe path refused: %s", shown);
-  errno = EACCES;
-  return -1;
-}
-
-// A descriptor that closes itself and keeps errno.
-class Fd {
- public:
-  explicit Fd(int fd) : fd_(fd) {}
-  Fd(const Fd&) = delete;
-  Fd& operator=(const Fd&) = delete;
-  ~Fd() { reset(-1); }
-  void reset(int fd) {
-    const int error = errno;
-    if (fd_ >= 0) os::close(fd_);
-    fd_ = fd;
-    errno = error;
-  }
-  int get() const { return fd_; }
-  int release() { return std::exchange(fd_, -1); }
-
- private:
-  int fd_;
-};
-
-// Opens the folder `name` in `parent`, creating it if need be. Below the mount point (`depth` 0) no
-// part may be a symbolic link: a storage that somebody plugs in must not lead elsewhere.
-int openFolder(int parent, const char* name, int depth) {
-  const int flags = O_PATH | O_DIRECTORY | O_CLOEXEC | (depth > 0 ? O_NOFOLLOW : 0);
-  int fd = openat(parent, name, flags);
-  if (fd < 0 && errno == ENOENT) {
-    if (mkdirat(parent, name, kFolderMode) != 0 && errno != EEXIST) return -1;
-    fd = openat(parent, name, flags);
-  }
-  if (fd >= 0 || errno != ENOTDIR) return fd;
-  struct stat status {};
-  const bool link =
-      fstatat(parent, name, &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(status.st_mode);
-  errno = link ? ELOOP : ENOTDIR;
-  return -1;
 }
 
 int openFile(int parent, const char* name, int flags) {
@@ -124,29 +57,10 @@ int get_free_space_percent(const char* path) {
 }
 
 int open2(const char* path, int flags) {
-  if (*path != '/' || !isSafe(path)) return refuse(path);
-  Fd folder(open(platformRoot().empty() ? "/" : platformRoot().c_str(),
-                 O_PATH | O_DIRECTORY | O_CLOEXEC));
-  const char* part = path;
-  for (int depth = 0; folder.get() >= 0; ++depth) {
-    part += std::strspn(part, "/");
-    const std::size_t length = std::strcspn(part, "/");
-    char name[NAME_MAX + 1];
-    if (length > NAME_MAX) {
-      errno = ENAMETOOLONG;
-      return -1;
-    }
-    std::memcpy(name, part, length);
-    name[length] = '\0';
-    const bool last = part[length] == '\0';
-    const int fd =
-        last ? openFile(folder.get(), name, flags) : openFolder(folder.get(), name, depth);
-    if (fd < 0 && errno == ELOOP) return refuse(path);
-    if (last) return fd;
-    folder.reset(fd);
-    part += length;
-  }
-  return -1;
+  char name[NAME_MAX + 1];
+  const Fd folder = openFolderOf(path, Walk::kMake, name);
+  const int fd = folder.valid() ? openFile(folder.get(), name, flags) : -1;
+  return fd < 0 && errno == ELOOP ? refusePath(path) : fd;
 }
 
 int slash(const char* source, char* destination, int capacity, int how) {
@@ -156,7 +70,7 @@ int slash(const char* source, char* destination, int capacity, int how) {
   constexpr int kTrailing = 8;
   if (capacity < 1) return -1;
   *destination = '\0';
-  if (!isSafe(source)) return refuse(source);
+  if (!isSafePath(source)) return refusePath(source);
   const std::size_t size = std::strlen(source);
   std::size_t begin = 0;
   std::size_t end = size;
