@@ -1,0 +1,62 @@
+// One server at a time by libcurl, in a way that a thread of the daemon can afford: it stops when
+// asked to, gives up on a server that says nothing, and tells why in words fit for the log.
+#pragma once
+
+#include <curl/curl.h>
+
+#include <cstdint>
+
+// A libcurl handle with the connection that it keeps between its runs. Belongs to the thread that
+// made it.
+class Transfer {
+ public:
+  // How long a server may take. Tests shorten them, before any transfer.
+  struct Limits {
+    long connectMs = 10000;  // name, connection, TLS and login
+    long stallMs = 20000;    // without a byte in either direction
+  };
+  static Limits& limits();
+
+  // Sets what is common: no signals, no proxy, the time limits, TLS 1.2 or better with the
+  // certificate checked against the system's authorities.
+  Transfer();
+  // Cuts a connection that is still there, without a farewell that could take long.
+  ~Transfer();
+  Transfer(const Transfer&) = delete;
+  Transfer& operator=(const Transfer&) = delete;
+
+  // For curl_easy_setopt(); null when libcurl has no memory. The progress function, the error
+  // buffer and the private pointer are taken.
+  CURL* easy() const { return easy_; }
+
+  // TLS: `verify` false accepts any certificate; `caFile` of authorities, empty: the system's.
+  void setTls(bool verify, const char* caFile);
+
+  // Does what the handle is set to. Looks at least every 100 ms whether the calling thread is to
+  // stop. `limitMs`: ends it in any case; 0: no such limit. Returns CURLE_OK,
+  // CURLE_ABORTED_BY_CALLBACK when the thread was asked to stop, CURLE_OPERATION_TIMEDOUT or
+  // libcurl's own code.
+  CURLcode run(long limitMs = 0);
+
+  // Waits, in a callback, until the kept connection has something to read, so that libcurl, which
+  // would wait without looking up, need not. Breaks the connection when it is time to end.
+  void awaitReply();
+
+  // Returns why the last run failed: one line without control characters, and without `secret`
+  // (null or empty: there is none) even if the server repeats it. Valid until the next run.
+  const char* reason(const char* secret);
+
+ private:
+  static int onProgress(void* self, curl_off_t, curl_off_t, curl_off_t, curl_off_t);
+  bool mustEnd();  // and notes why
+  void cut();
+  CURLcode drive();
+
+  CURL* easy_;
+  CURLM* multi_;
+  CURLcode result_ = CURLE_OK;
+  CURLcode ended_ = CURLE_OK;  // why the run was ended from here
+  std::int64_t activeUs_ = 0;  // when the server last gave or took anything
+  std::int64_t deadlineUs_ = 0;
+  char error_[CURL_ERROR_SIZE] = "";
+};
