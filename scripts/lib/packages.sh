@@ -37,6 +37,47 @@ as_root() {
   fi
 }
 
+# The package samba starts its services and has them started with the PC, open to the network. We start
+# smbd by hand, for ourselves alone: a PC that has had no Samba gets no such service from us.
+samba_services=(smbd nmbd samba-ad-dc)
+samba_preset=/run/systemd/system-preset/00-video_svr.preset  # gone with the next start of the PC
+
+# hold_services: whoever installs them now neither starts them nor has them started.
+hold_services() {
+  as_root mkdir -p "${samba_preset%/*}"
+  printf 'disable %s.service\n' "${samba_services[@]}" | as_root tee "$samba_preset" >/dev/null
+}
+
+let_go_services() {
+  local service
+  as_root rm -f "$samba_preset" || true
+  if [ ! -d /run/systemd/system ]; then
+    # They have become part of the run levels. Where systemd runs the preset has kept them out.
+    for service in "${samba_services[@]}"; do
+      as_root update-rc.d "$service" disable >/dev/null 2>&1 || true
+    done
+  fi
+  echo "Samba's services are installed, but off (on: systemctl enable --now smbd)"
+}
+
+# install_packages PACKAGE...: as root or by sudo; what can't be installed is still missing afterwards.
+install_packages() {
+  # Without systemd it is the run level that keeps services from being started: none is in this one.
+  local apt=(env DEBIAN_FRONTEND=noninteractive RUNLEVEL=1 apt-get -qq -y --no-install-recommends install)
+  # A failed update is no reason to give up: the lists that are there may do.
+  as_root apt-get -qq update || true
+  if [[ " $* " != *' samba '* ]]; then
+    as_root "${apt[@]}" "$@" >/dev/null || true
+    return
+  fi
+  # In a shell of its own, so that they are let go after a Ctrl-C too.
+  (
+    trap let_go_services EXIT
+    hold_services || true
+    as_root "${apt[@]}" "$@" >/dev/null || true
+  )
+}
+
 # need_packages PACKAGE...: installs what is missing, as root or by sudo. Where that fails it says
 # which packages are missing and ends the script with status 1.
 need_packages() {
@@ -49,10 +90,7 @@ need_packages() {
   mapfile -t missing < <(missing_packages "$@")
   [ ${#missing[@]} -gt 0 ] || return 0
   echo "Installing ${missing[*]}"
-  # A failed update is no reason to give up: the lists that are there may do.
-  as_root apt-get -qq update || true
-  as_root env DEBIAN_FRONTEND=noninteractive \
-    apt-get -qq -y --no-install-recommends install "${missing[@]}" >/dev/null || true
+  install_packages "${missing[@]}"
   mapfile -t missing < <(missing_packages "$@")
   [ ${#missing[@]} -gt 0 ] || return 0
   {
