@@ -4,11 +4,10 @@
 
 #include "platform/camera_config.h"
 #include "platform/date_time.h"
-#include "platform/ini_file.h"
 #include "platform/linux/credentials.h"
+#include "platform/linux/delivery_settings.h"
 #include "platform/linux/ini_value.h"
 #include "platform/linux/mail_text.h"
-#include "platform/log.h"
 #include "platform/mail.h"
 
 namespace {
@@ -17,39 +16,23 @@ constexpr std::size_t kLineSize = 256;  // longer than any line of the file
 constexpr int kSmtpPort = 25;
 constexpr int kLastPort = 65535;
 
-// Reads a text; one that does not fit counts as none: half an address would be another one.
-template <std::size_t size>
-void readText(const char* key, char (&text)[size]) {
-  char line[kLineSize];
-  if (!iniText(kCameraConfig, "Mail", key, line, sizeof line)) return;
-  if (std::strlen(line) < size)
-    std::strcpy(text, line);
-  else
-    logEx(2, "%s: [Mail] %s is longer than %zu bytes", kCameraConfig, key, size - 1);
-}
-
-int readNumber(const char* key, int fallback, int first, int last) {
-  const int value = getIniInt(kCameraConfig, "Mail", key, fallback);
-  if (value >= first && value <= last) return value;
-  logEx(2, "%s: [Mail] %s is not from %d to %d: %d", kCameraConfig, key, first, last, value);
-  return fallback;
-}
-
 }  // namespace
 
 int get_mail_info(TMailInfo* info) {
+  const DeliverySettings settings("Mail");
   TMailInfo read{};
-  readText("Server", read.server);
+  settings.text("Server", read.server, sizeof read.server);
   if (read.server[0] == '\0') return -1;
-  read.port = readNumber("Port", kSmtpPort, 1, kLastPort);
-  read.security = readNumber("Security", kMailPlain, kMailPlain, kMailTls);
-  readText("Sender", read.sender);
-  readText("Receiver", read.receiver);
-  read.login = getIniInt(kCameraConfig, "Mail", "Login", 0);
-  readText("User", read.user);
-  readText("Password", read.password);
-  readText("Method", read.method);
-  read.attach = getIniInt(kCameraConfig, "Mail", "Attach", 1);
+  read.port = settings.number("Port", kSmtpPort, 1, kLastPort);
+  // Any wrong value: it was not plain text that was asked for.
+  read.security = settings.number("Security", kMailPlain, kMailPlain, kMailTls, kMailStartTls);
+  settings.text("Sender", read.sender, sizeof read.sender);
+  settings.text("Receiver", read.receiver, sizeof read.receiver);
+  read.login = settings.number("Login", 0, 0, 1);
+  settings.text("User", read.user, sizeof read.user);
+  settings.text("Password", read.password, sizeof read.password);
+  settings.text("Method", read.method, sizeof read.method);
+  read.attach = settings.number("Attach", 1, 0, 1);
   if (read.password[0] != '\0') checkCredentials();
   *info = read;
   return 0;
