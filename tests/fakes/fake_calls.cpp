@@ -36,6 +36,11 @@ long read(int fd, void* buffer, std::size_t size) {
 
 long write(int fd, const void* data, std::size_t size) {
   FakeScope scope;
+  constexpr int kStandardError = 2;
+  if (fd == kStandardError) {
+    fake().record("stderr " + std::string(static_cast<const char*>(data), size));
+    return static_cast<long>(size);
+  }
   return fake().failing("os::write") ? -1 : fake().files.write(fd, data, size);
 }
 
@@ -58,6 +63,7 @@ int unlink(const char* path) {
   FakeScope scope;
   fake().record("unlink(" + std::string(path) + ")");
   if (fake().failing("os::unlink")) return -1;
+  if (fake().recordings.exists(path)) return fake().recordings.remove(path);
   if (!fake().files.exists(path)) {
     errno = ENOENT;
     return -1;
@@ -85,7 +91,11 @@ int onSignal(int signal, void (*handler)(int)) {
 
 int system(const char* command) {
   FakeScope scope;
-  return fake().command(command);
+  const int status = fake().command(command);
+  constexpr std::size_t kRemove = sizeof "rm -rf " - 1;
+  if (status == 0 && std::strncmp(command, "rm -rf ", kRemove) == 0)
+    fake().recordings.removeTree(command + kRemove);
+  return status;
 }
 
 }  // namespace os

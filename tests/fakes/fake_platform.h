@@ -31,6 +31,7 @@
 #include "tests/fakes/fake_clock.h"
 #include "tests/fakes/fake_files.h"
 #include "tests/fakes/fake_overlays.h"
+#include "tests/fakes/fake_recordings.h"
 #include "tests/fakes/fake_stream.h"
 
 // Everything a test scripts and asks. The newest object is the platform of the process; a test, or
@@ -106,6 +107,7 @@ class FakePlatform {
 
   // --- Files and storage.
   FakeFiles files;
+  FakeRecordings recordings;  // AVI and raw files, and their folders
   void diskFull() { files.spaceLeft(0); }
   void usbMounted(bool on = true) { usbState = on; }
   void usbUnmounted() { usbState = 0; }
