@@ -43,8 +43,9 @@ int get_mail_body(char* text, long size, long time);
 
 // Sends a mail and waits until the server has taken it for all receivers. Ends early when the body
 // of the calling PThread was asked to stop from outside, and by itself at a server that does not
-// answer (connecting 10 s, afterwards 20 s without any progress). What would not stay inside its
-// own header line, and a receiver that is no address, is refused before anything is sent. 0 on
+// answer (connecting 10 s, afterwards 20 s without any progress). Nothing leaves its own header
+// line: control characters become blanks in the subject and "_" in the attachment's name; a server,
+// sender or receiver that is no name or no address is refused before anything is sent. 0 on
 // success; otherwise non-zero; the reason is logged, level 2 "mail: %s: %s" with the server and the
 // reason; a password never is. Any thread.
 int send_mail(const TMailInfo* info);
