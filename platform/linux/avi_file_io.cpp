@@ -1,0 +1,224 @@
+// AVI recordings: what of them goes into the file when.
+#include <fcntl.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <limits>
+
+#include "platform/linux/avi_file.h"
+#include "platform/linux/clock.h"
+#include "platform/linux/file_io.h"
+
+bool AviFile::append(const char* data, std::uint32_t length) {
+  // A byte is left for the filling of an odd length.
+  if (length >= kBuffer - used_) {
+    if (length >= kDirect) return appendDirectly(data, length);
+    if (!flush()) return false;
+  }
+  std::memcpy(buffer_ + used_, data, length);
+  used_ += length;
+  return true;
+}
+
+// Writes the buffer and the data by one call; the filling as well, in case that is the end.
+bool AviFile::appendDirectly(const char* data, std::uint32_t length) {
+  char filling = '\0';
+  iovec parts[] = {{buffer_, used_}, {const_cast<char*>(data), length}, {&filling, 1}};
+  const std::int64_t written = writeAt(file_.get(), parts, 3, end_);
+  const std::int64_t wanted = std::int64_t{used_} + length;
+  if (written < wanted) {
+    keepWhole(written);
+    return false;
+  }
+  end_ += wanted;
+  used_ = 0;
+  padded_ = written > wanted;
+  return true;
+}
+
+// Writes the buffer.
+bool AviFile::flush() {
+  if (used_ == 0) return true;
+  iovec part{buffer_, used_};
+  const std::int64_t written = writeAt(file_.get(), &part, 1, end_);
+  if (written < used_) {
+    keepWhole(written);
+    return false;
+  }
+  end_ += used_;
+  used_ = 0;
+  padded_ = false;
+  return true;
+}
+
+// After a write that failed: keeps the whole pictures in what was written, takes the rest back.
+void AviFile::keepWhole(std::int64_t written) {
+  const int error = errno;
+  std::int64_t keep = end_;
+  for (int i = 0; i < pending_; ++i)
+    if (endOf(i) <= end_ + written) keep = std::max(keep, endOf(i));
+  const auto kept = static_cast<std::uint32_t>(keep - end_);
+  std::memmove(buffer_, buffer_ + kept, used_ - kept);
+  used_ -= kept;
+  end_ = keep;
+  padded_ = false;
+  resizeFile(file_.get(), end_);
+  errno = error;
+}
+
+// Where the chunk of a picture that isn't in the index yet ends.
+std::int64_t AviFile::endOf(int pending) const {
+  const char* const entry = entries_ + static_cast<std::size_t>(pending) * kAviBlockEntry;
+  const std::uint32_t bytes = loadLe32(entry + 4) & ~kAviNotKey;
+  return base_ + loadLe32(entry) + bytes + bytes % 2;
+}
+
+// Gives up the pictures that the file had no room for.
+void AviFile::forgetUnwritten() {
+  used_ = 0;
+  for (; pending_ > 0 && endOf(pending_ - 1) > end_; --pending_) {
+    --frames_;
+    if (riff_ == 0) --head_.totals.firstFrames;
+  }
+}
+
+void AviFile::measure(std::int64_t nowUs) {
+  constexpr std::int64_t kMost = std::numeric_limits<std::int32_t>::max();
+  if (frames_ == 0 || nowUs <= firstUs_) return;
+  const std::int64_t rate = std::int64_t{frames_} * 1000000000 / (nowUs - firstUs_);
+  head_.totals.rate = static_cast<std::uint32_t>(std::clamp<std::int64_t>(rate, 1, kMost));
+}
+
+// Brings the file up to date: first the pictures, then the sizes and numbers in the head, then the
+// entries of the index, then the numbers of those. Whatever the file tells is there at any moment.
+bool AviFile::publish() {
+  if (!flush()) return false;
+  if (riff_ > 0) {
+    char head[kAviNextHead];
+    AviOutput out(head);
+    writeNextHead(out, static_cast<std::uint32_t>(end_ - riff_));
+    if (!writeAt(file_.get(), head, sizeof head, riff_)) return false;
+  } else {
+    head_.riffBytes = static_cast<std::uint32_t>(end_);
+    head_.moviBytes = static_cast<std::uint32_t>(end_) - kAviMovi;
+  }
+  if (!writeHead()) return false;
+  if (indexed_ && pending_ > 0) {
+    AviBlock& block = head_.block[head_.blocks - 1];
+    const std::size_t bytes = static_cast<std::size_t>(pending_) * kAviBlockEntry;
+    const std::int64_t at = base_ + kAviBlockHead + std::int64_t{blockUsed_} * kAviBlockEntry;
+    if (!writeAt(file_.get(), entries_, bytes, at)) return false;
+    char number[4];
+    storeLe32(number, blockUsed_ + static_cast<std::uint32_t>(pending_));
+    if (!writeAt(file_.get(), number, sizeof number, base_ + kAviBlockCount)) return false;
+    const std::uint32_t entry = head_.entryAt(head_.blocks - 1) + kAviBlockCount;
+    if (!writeAt(file_.get(), number, sizeof number, entry)) return false;
+    blockUsed_ += static_cast<std::uint32_t>(pending_);
+    block.frames = blockUsed_;
+  }
+  pending_ = 0;
+  updateUs_ = monotonicUs();
+  // On its way to the disk, without waiting for it, lest a power cut takes much more than a second.
+  sync_file_range(file_.get(), 0, 0, SYNC_FILE_RANGE_WRITE);
+  return true;
+}
+
+bool AviFile::writeHead() {
+  constexpr std::uint64_t kMost = std::numeric_limits<std::int32_t>::max();
+  AviTotals& totals = head_.totals;
+  totals.frames = frames_;
+  const auto bytes = static_cast<std::uint64_t>(payload_ / std::max<std::uint32_t>(frames_, 1));
+  const std::uint64_t perSecond = bytes * totals.rate / totals.scale;
+  totals.bytesPerSecond = static_cast<std::uint32_t>(std::min(perSecond, kMost));
+  char page[kAviHeadBytes];
+  head_.encode(page);
+  return writeAt(file_.get(), page, sizeof page, 0);
+}
+
+bool AviFile::close(std::int32_t rate) {
+  if (!file_.valid()) return true;
+  bool good = finish();
+  int error = errno;
+  if (!good) drop();
+  if (started_ && !flush()) {
+    if (good) error = errno;
+    good = false;
+    forgetUnwritten();
+  }
+  head_.totals.rate = rate > 0 ? static_cast<std::uint32_t>(rate) : 1;
+  if (frames_ == 0) {
+    restart();
+  } else {
+    if (good && !publish()) {
+      error = errno;
+      good = false;
+    } else if (!good) {
+      publish();
+    }
+    // Old players look for the index of the first RIFF behind it; all others have the blocks.
+    if (riff_ == 0 && !writeOldIndex() && errno != ENOSPC && errno != EDQUOT && errno != EFBIG &&
+        good) {
+      error = errno;
+      good = false;
+    }
+    resizeFile(file_.get(), end_);
+  }
+  const int closed = os::close(file_.release());
+  if (closed == 0 || !good) {
+    if (!good) errno = error;
+    return good;
+  }
+  return false;
+}
+
+// Writes the index of the first RIFF behind its pictures, from the blocks that stand among them.
+bool AviFile::writeOldIndex() {
+  constexpr std::uint32_t kPart = kBuffer / 4;  // read; what is made of it is twice as long
+  std::int64_t at = end_;
+  std::uint32_t indexed = 0;
+  for (std::uint32_t i = 0; i < head_.blocks; ++i) indexed += head_.block[i].frames;
+  if (indexed != head_.totals.firstFrames) return true;  // the table is full
+  char* const made = buffer_ + kPart;
+  AviOutput(made).chunk("idx1", indexed * kAviOldEntry);
+  bool good = writeAt(file_.get(), made, kChunkHead, at);
+  at += kChunkHead;
+  for (std::uint32_t i = 0; good && i < head_.blocks; ++i) {
+    const AviBlock& block = head_.block[i];
+    const auto base = static_cast<std::int64_t>(block.at);
+    const auto shift = static_cast<std::uint32_t>(base) - kChunkHead - (kAviMovi + kChunkHead);
+    for (std::uint32_t done = 0; good && done < block.frames;) {
+      const std::uint32_t count = std::min(block.frames - done, kPart / kAviBlockEntry);
+      const long bytes = static_cast<long>(count * kAviBlockEntry);
+      const std::int64_t from = base + kAviBlockHead + std::int64_t{done} * kAviBlockEntry;
+      const long got = readAt(file_.get(), buffer_, static_cast<std::size_t>(bytes), from);
+      if (got >= 0 && got < bytes) errno = EIO;  // somebody has cut the file
+      good = got == bytes;
+      AviOutput out(made);
+      for (std::uint32_t n = 0; good && n < count; ++n) {
+        const char* const entry = buffer_ + std::size_t{n} * kAviBlockEntry;
+        const std::uint32_t size = loadLe32(entry + 4);
+        out.tag(kAviPicture).word(size & kAviNotKey ? 0 : kAviKeyFrame);
+        out.word(loadLe32(entry) + shift).word(size & ~kAviNotKey);
+      }
+      good = good && writeAt(file_.get(), made, std::size_t{count} * kAviOldEntry, at);
+      at += std::int64_t{count} * kAviOldEntry;
+      done += count;
+    }
+  }
+  if (good) {
+    head_.totals.flags |= kAviHasIndex;
+    head_.riffBytes = static_cast<std::uint32_t>(at);
+    good = writeHead();
+  }
+  if (good) {
+    end_ = at;
+  } else {
+    const int error = errno;
+    head_.totals.flags = 0;
+    head_.riffBytes = static_cast<std::uint32_t>(end_);
+    resizeFile(file_.get(), end_);
+    errno = error;
+  }
+  return good;
+}
