@@ -1,10 +1,12 @@
 #include "platform/linux/delivery_settings.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "platform/camera_config.h"
 #include "platform/ini_file.h"
 #include "platform/linux/ini_value.h"
+#include "platform/linux/printable.h"
 #include "platform/log.h"
 
 bool DeliverySettings::text(const char* key, char* buffer, std::size_t size) const {
@@ -12,9 +14,7 @@ bool DeliverySettings::text(const char* key, char* buffer, std::size_t size) con
   buffer[0] = '\0';
   if (!iniText(kCameraConfig, section_, key, whole, sizeof whole)) return true;
   const std::size_t length = std::strlen(whole);
-  for (std::size_t i = 0; i < length; ++i) {
-    const auto byte = static_cast<unsigned char>(whole[i]);
-    if (byte >= ' ' && byte != 0x7f) continue;
+  if (std::any_of(whole, whole + length, isControl)) {
     logEx(2, "%s: [%s] %s holds a control character", kCameraConfig, section_, key);
     return false;
   }

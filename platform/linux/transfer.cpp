@@ -9,6 +9,7 @@
 #include <mutex>
 
 #include "platform/linux/clock.h"
+#include "platform/linux/printable.h"
 #include "platform/linux/thread_access.h"
 
 namespace {
@@ -52,6 +53,7 @@ Transfer::Transfer() {
 
 Transfer::~Transfer() {
   cut();
+  forget();
   curl_easy_cleanup(easy_);
   curl_multi_cleanup(multi_);
 }
@@ -69,12 +71,29 @@ CURLcode Transfer::run(long limitMs) {
   ended_ = CURLE_OK;
   activeUs_ = monotonicUs();
   deadlineUs_ = limitMs > 0 ? activeUs_ + limitMs * 1000 : std::numeric_limits<std::int64_t>::max();
+  forget();
   if (easy_ == nullptr || multi_ == nullptr || curl_multi_add_handle(multi_, easy_) != CURLM_OK)
     return result_ = CURLE_OUT_OF_MEMORY;
   result_ = drive();
-  curl_multi_remove_handle(multi_, easy_);
-  if (ended_ != CURLE_OK) result_ = ended_;
+  if (ended_ != CURLE_OK) {
+    result_ = ended_;
+    forget();
+  }
   return result_;
+}
+
+// Breaks off what is under way. A handle whose transfer is over stays until the next one: without
+// it libcurl does not tell the connection.
+void Transfer::forget() {
+  if (easy_ != nullptr && multi_ != nullptr) curl_multi_remove_handle(multi_, easy_);
+}
+
+bool Transfer::connected() const { return connection() != CURL_SOCKET_BAD; }
+
+curl_socket_t Transfer::connection() const {
+  curl_socket_t fd = CURL_SOCKET_BAD;
+  if (easy_ != nullptr) curl_easy_getinfo(easy_, CURLINFO_ACTIVESOCKET, &fd);
+  return fd;
 }
 
 CURLcode Transfer::drive() {
@@ -95,16 +114,15 @@ CURLcode Transfer::drive() {
 }
 
 void Transfer::awaitReply() {
-  curl_socket_t fd = CURL_SOCKET_BAD;
-  if (curl_easy_getinfo(easy_, CURLINFO_ACTIVESOCKET, &fd) != CURLE_OK || fd == CURL_SOCKET_BAD)
-    return;
+  const curl_socket_t fd = connection();
+  if (fd == CURL_SOCKET_BAD) return;
   activeUs_ = monotonicUs();
   pollfd waited{fd, POLLIN, 0};
-  while (poll(&waited, 1, kStepMs) <= 0)
-    if (mustEnd()) {
-      shutdown(fd, SHUT_RDWR);
-      return;
-    }
+  while (poll(&waited, 1, kStepMs) <= 0) {
+    if (!mustEnd()) continue;
+    shutdown(fd, SHUT_RDWR);
+    return;
+  }
 }
 
 // libcurl waits for a few replies by itself, calling this once a second.
@@ -126,21 +144,13 @@ bool Transfer::mustEnd() {
 
 // A farewell on a connection that is cut fails at once, so that libcurl does not wait for it.
 void Transfer::cut() {
-  curl_socket_t fd = CURL_SOCKET_BAD;
-  if (easy_ != nullptr && curl_easy_getinfo(easy_, CURLINFO_ACTIVESOCKET, &fd) == CURLE_OK &&
-      fd != CURL_SOCKET_BAD)
-    shutdown(fd, SHUT_RDWR);
+  const curl_socket_t fd = connection();
+  if (fd != CURL_SOCKET_BAD) shutdown(fd, SHUT_RDWR);
 }
 
-const char* Transfer::reason(const char* secret) {
-  const bool has = secret != nullptr && *secret != '\0';
+std::string Transfer::reason(const char* secret) const {
   if (ended_ == CURLE_ABORTED_BY_CALLBACK) return "asked to stop";
   if (ended_ == CURLE_OPERATION_TIMEDOUT) return "the server does not answer";
-  if (error_[0] == '\0' || (has && std::strstr(error_, secret) != nullptr))
-    return curl_easy_strerror(result_);
-  for (char* c = error_; *c != '\0'; ++c) {
-    const auto byte = static_cast<unsigned char>(*c);
-    if (byte < ' ' || byte == 0x7f) *c = '?';
-  }
-  return error_;
+  const bool repeated = *secret != '\0' && std::strstr(error_, secret) != nullptr;
+  return error_[0] == '\0' || repeated ? curl_easy_strerror(result_) : printable(error_);
 }

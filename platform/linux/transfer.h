@@ -5,6 +5,7 @@
 #include <curl/curl.h>
 
 #include <cstdint>
+#include <string>
 
 // A libcurl handle with the connection that it keeps between its runs. Belongs to the thread that
 // made it.
@@ -14,6 +15,7 @@ class Transfer {
   struct Limits {
     long connectMs = 10000;  // name, connection, TLS and login
     long stallMs = 20000;    // without a byte in either direction
+    long farewellMs = 2000;  // for an orderly end
   };
   static Limits& limits();
 
@@ -42,14 +44,19 @@ class Transfer {
   // would wait without looking up, need not. Breaks the connection when it is time to end.
   void awaitReply();
 
+  // Returns true iff there is a connection for the next run, as far as anybody can know.
+  bool connected() const;
+
   // Returns why the last run failed: one line without control characters, and without `secret`
-  // (null or empty: there is none) even if the server repeats it. Valid until the next run.
-  const char* reason(const char* secret);
+  // (empty: there is none) even if the server repeats it.
+  std::string reason(const char* secret) const;
 
  private:
   static int onProgress(void* self, curl_off_t, curl_off_t, curl_off_t, curl_off_t);
   bool mustEnd();  // and notes why
   void cut();
+  void forget();
+  curl_socket_t connection() const;
   CURLcode drive();
 
   CURL* easy_;
