@@ -29,6 +29,7 @@
 #include "platform/message.h"
 #include "platform/thread.h"
 #include "tests/fakes/fake_clock.h"
+#include "tests/fakes/fake_delivery.h"
 #include "tests/fakes/fake_files.h"
 #include "tests/fakes/fake_overlays.h"
 #include "tests/fakes/fake_recordings.h"
@@ -116,6 +117,9 @@ class FakePlatform {
   std::atomic<int> usbState{1};
   std::atomic<int> smbState{0};
   std::atomic<int> usedPercent{10};
+
+  // --- FTP and mail.
+  FakeDelivery delivery;
 
   // --- Configuration, messages, commands.
   FakeIni ini;
