@@ -16,18 +16,6 @@ namespace {
 constexpr std::uint32_t kRateScale = 1000;
 constexpr std::uint32_t kUsualRate = 25 * kRateScale;  // until it is known
 
-// Keeps `errno` over calls that clean up.
-class ErrnoKeeper {
- public:
-  ErrnoKeeper() : error_(errno) {}
-  ErrnoKeeper(const ErrnoKeeper&) = delete;
-  ErrnoKeeper& operator=(const ErrnoKeeper&) = delete;
-  ~ErrnoKeeper() { errno = error_; }
-
- private:
-  int error_;
-};
-
 bool fail(int error) {
   errno = error;
   return false;
@@ -56,6 +44,7 @@ void AviFile::restart() {
   head_.totals.rate = rate;
   used_ = frames_ = 0;
   payload_ = riff_ = 0;
+  updateUs_ = 0;
   pending_ = 0;
   if (end_ > 0) resizeFile(file_.get(), 0);
   end_ = 0;
@@ -94,6 +83,7 @@ bool AviFile::begin(char type, const char* header, const char* data, std::uint32
   if (frames_ == 0) firstUs_ = now;
   inPicture_ = true;
   padIncluded_ = false;
+  sizeTold_ = jpeg;
   key_ = type != kTypePredicted;
   picture_ = size();
   pictureBytes_ = ahead + length;
@@ -104,10 +94,7 @@ bool AviFile::begin(char type, const char* header, const char* data, std::uint32
     drop();
     return false;
   }
-  if (jpeg && !finish()) {
-    drop();
-    return false;
-  }
+  if (jpeg) finish();  // nothing of it is left to write
   goesOn_ = type == kTypeKey ? kTypeKeyMore : jpeg ? '\0' : kTypePredictedMore;
   // The picture is in any case; should this fail, the next one will tell.
   if (jpeg && (due || frames_ == 1)) publish();
@@ -142,7 +129,7 @@ bool AviFile::finish() {
   storeLe32(word, pictureBytes_);
   if (picture_ >= end_)
     std::memcpy(buffer_ + (picture_ - end_) + 4, word, sizeof word);
-  else if (!flush() || !writeAt(file_.get(), word, sizeof word, picture_ + 4))
+  else if (!sizeTold_ && (!flush() || !writeAt(file_.get(), word, sizeof word, picture_ + 4)))
     return false;
 
   AviOutput entry(entries_ + static_cast<std::size_t>(pending_) * kAviBlockEntry);

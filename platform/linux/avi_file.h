@@ -32,8 +32,9 @@ class AviFile {
   // Writes a chunk; see aviWrite(). `header`: of the stream, kMpg430HeaderBytes.
   bool write(char type, const char* header, const char* data, long length);
 
-  // Completes the file and closes it. `rate`: pictures per second x 1000. On failure the file still
-  // is sound and holds what had room. Returns false as well when pictures are missing.
+  // Completes the file and closes it; without a picture it becomes empty. `rate`: pictures per
+  // second x 1000, below 1 counts as 1. Without room for the old index the file goes without. On
+  // failure it still is sound and holds those pictures that had room.
   bool close(std::int32_t rate);
 
   // Bytes of the file with what is gathered.
@@ -87,6 +88,7 @@ class AviFile {
   bool inPicture_ = false;
   char goesOn_ = '\0';  // the type that may go on with it
   bool key_ = false;
+  bool sizeTold_ = false;
   bool padIncluded_ = false;
   std::int64_t picture_ = 0;        // its chunk's place
   std::uint32_t pictureBytes_ = 0;  // so far

@@ -11,11 +11,9 @@
 #include "platform/linux/file_io.h"
 
 bool AviFile::append(const char* data, std::uint32_t length) {
+  if (length >= kDirect) return appendDirectly(data, length);
   // A byte is left for the filling of an odd length.
-  if (length >= kBuffer - used_) {
-    if (length >= kDirect) return appendDirectly(data, length);
-    if (!flush()) return false;
-  }
+  if (length >= kBuffer - used_ && !flush()) return false;
   std::memcpy(buffer_ + used_, data, length);
   used_ += length;
   return true;
@@ -54,7 +52,7 @@ bool AviFile::flush() {
 
 // After a write that failed: keeps the whole pictures in what was written, takes the rest back.
 void AviFile::keepWhole(std::int64_t written) {
-  const int error = errno;
+  const ErrnoKeeper keeper;
   std::int64_t keep = end_;
   for (int i = 0; i < pending_; ++i)
     if (endOf(i) <= end_ + written) keep = std::max(keep, endOf(i));
@@ -64,7 +62,6 @@ void AviFile::keepWhole(std::int64_t written) {
   end_ = keep;
   padded_ = false;
   resizeFile(file_.get(), end_);
-  errno = error;
 }
 
 // Where the chunk of a picture that isn't in the index yet ends.
@@ -138,38 +135,26 @@ bool AviFile::writeHead() {
 
 bool AviFile::close(std::int32_t rate) {
   if (!file_.valid()) return true;
-  bool good = finish();
-  int error = errno;
-  if (!good) drop();
-  if (started_ && !flush()) {
-    if (good) error = errno;
-    good = false;
-    forgetUnwritten();
-  }
+  int error = 0;  // the first one
+  const auto note = [&error](bool good) {
+    if (!good && error == 0) error = errno;
+    return good;
+  };
+  if (!note(finish())) drop();
+  if (!note(flush())) forgetUnwritten();
   head_.totals.rate = rate > 0 ? static_cast<std::uint32_t>(rate) : 1;
   if (frames_ == 0) {
     restart();
   } else {
-    if (good && !publish()) {
-      error = errno;
-      good = false;
-    } else if (!good) {
-      publish();
-    }
-    // Old players look for the index of the first RIFF behind it; all others have the blocks.
-    if (riff_ == 0 && !writeOldIndex() && errno != ENOSPC && errno != EDQUOT && errno != EFBIG &&
-        good) {
-      error = errno;
-      good = false;
-    }
+    note(publish());
+    // Only old players look for the index behind the first RIFF: a full disk may go without.
+    if (riff_ == 0 && !writeOldIndex() && errno != ENOSPC && errno != EDQUOT && errno != EFBIG)
+      note(false);
     resizeFile(file_.get(), end_);
   }
-  const int closed = os::close(file_.release());
-  if (closed == 0 || !good) {
-    if (!good) errno = error;
-    return good;
-  }
-  return false;
+  note(os::close(file_.release()) == 0);
+  errno = error;
+  return error == 0;
 }
 
 // Writes the index of the first RIFF behind its pictures, from the blocks that stand among them.
@@ -214,11 +199,10 @@ bool AviFile::writeOldIndex() {
   if (good) {
     end_ = at;
   } else {
-    const int error = errno;
+    const ErrnoKeeper keeper;
     head_.totals.flags = 0;
     head_.riffBytes = static_cast<std::uint32_t>(end_);
     resizeFile(file_.get(), end_);
-    errno = error;
   }
   return good;
 }

@@ -53,6 +53,9 @@ int aviWrite(AVI_HANDLE* handle, const char* data, long length) {
 int aviClose(AVI_HANDLE* handle) {
   if (handle->file == nullptr || !handle->file->isOpen()) return 0;
   handle->open = false;
+  // A file without a picture could be played by nobody.
+  if (handle->file->pictures() == 0 && handle->file->size() == 0)
+    removeFile(handle->name, handle->file->descriptor());
   const bool good = handle->file->close(handle->rate);
   handle->size = handle->file->size();
   return good ? 0 : -1;

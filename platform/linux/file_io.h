@@ -4,6 +4,7 @@
 #include <sys/types.h>
 #include <sys/uio.h>
 
+#include <cerrno>
 #include <cstddef>
 
 // Writes all of `parts`, which are used up, at `at`. Returns the number of bytes written: fewer
@@ -17,3 +18,15 @@ long readAt(int fd, void* data, std::size_t size, off_t at);
 
 // Makes the file `size` bytes long. Returns false with `errno` when that fails.
 bool resizeFile(int fd, off_t size);
+
+// Keeps `errno` over calls that clean up.
+class ErrnoKeeper {
+ public:
+  ErrnoKeeper() : error_(errno) {}
+  ErrnoKeeper(const ErrnoKeeper&) = delete;
+  ErrnoKeeper& operator=(const ErrnoKeeper&) = delete;
+  ~ErrnoKeeper() { errno = error_; }
+
+ private:
+  int error_;
+};

@@ -1,6 +1,8 @@
 #include "platform/linux/new_file.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <climits>
@@ -8,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "platform/linux/file_io.h"
 #include "platform/linux/safe_path.h"
 
 namespace {
@@ -51,6 +54,18 @@ Fd createNewFile(const char* path, char* name, int size) {
     if (file.valid() || errno != EEXIST) return file;
   }
   return Fd();
+}
+
+void removeFile(const char* path, int fd) {
+  const ErrnoKeeper keeper;
+  char last[NAME_MAX + 1];
+  const Fd folder = openFolderOf(path, Walk::kLook, last);
+  struct stat there {};
+  struct stat own {};
+  if (folder.valid() && fstat(fd, &own) == 0 &&
+      fstatat(folder.get(), last, &there, AT_SYMLINK_NOFOLLOW) == 0 && there.st_dev == own.st_dev &&
+      there.st_ino == own.st_ino)
+    unlinkat(folder.get(), last, 0);
 }
 
 bool lockForWriting(int fd) {

@@ -9,6 +9,9 @@
 // On failure the descriptor isn't valid, `errno` tells why and `name` is unchanged. Any thread.
 Fd createNewFile(const char* path, char* name, int size);
 
+// Removes `path` if it still is the file that `fd` is. Any thread.
+void removeFile(const char* path, int fd);
+
 // Marks the file as being written, until the descriptor is closed or the process is gone; the mark
 // is a lock far beyond the end of any file, so that on a share it keeps nobody from reading.
 // Returns false with `errno` when that fails: EAGAIN when somebody else has it.
