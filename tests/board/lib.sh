@@ -7,6 +7,7 @@ slow=1
 if grep -q '^VS_SANITIZE:[A-Z]*=.' "$build/CMakeCache.txt"; then slow=4; fi
 
 usb=disk  # what start_daemon plugs in: see board/enter --usb
+smb=none  # what is mounted at /smb: see board/enter --smb
 drivers=''  # the library that the daemon has in the place of the kernel's drivers
 boxes=()  # processes to be ended with the test
 
@@ -96,11 +97,12 @@ exit_of() {
 launch() {
   local arguments=()
   [ -z "$drivers" ] || [ "$1" != "$build/core/video_svr" ] || arguments=(--drivers "$drivers")
+  [ "$smb" != server ] || arguments+=(--sharefs "$build/board/share/sharefs")
   VS_LOG=stderr TZ=UTC \
     ASAN_OPTIONS=log_path=/var/log/camera/sanitizer:detect_stack_use_after_return=1 \
     UBSAN_OPTIONS=log_path=/var/log/camera/sanitizer:print_stacktrace=1 \
     TSAN_OPTIONS=log_path=/var/log/camera/sanitizer \
-    "$root/board/enter" --usb "$usb" "${arguments[@]}" "$board" "$@" >>"$work/output" 2>>"$log" </dev/null &
+    "$root/board/enter" --usb "$usb" --smb "$smb" "${arguments[@]}" "$board" "$@" >>"$work/output" 2>>"$log" </dev/null &
   box=$!
   boxes+=("$box")
 }

@@ -173,10 +173,10 @@ guard() {
   : >"$run/ended"
 }
 
-# runs FILE NAME: true iff the process whose number is in FILE is a NAME.
+# runs FILE NAME: true iff the process whose number is in FILE is a NAME and no zombie. Sets $pid.
 runs() {
   [ -r "$run/$1" ] && read -r pid <"$run/$1" && [ -n "$pid" ] &&
-    [ "$(cat "/proc/$pid/comm" 2>/dev/null)" = "$2" ]
+    readlink "/proc/$pid/exe" >/dev/null && [ "$(cat "/proc/$pid/comm" 2>/dev/null)" = "$2" ]
 }
 
 guarded() { [ ! -e "$run/ended" ] && runs guard smb.sh; }
