@@ -120,12 +120,12 @@ int FakeRecordings::write(AVI_HANDLE* handle, const char* data, long length) {
   FakeRecording& file = files_[handle->name];
   const char first = file.types.empty() ? handle->type : file.types[0];
   if ((first == 'J') != (handle->type == 'J')) return fail(EINVAL);
-  if (capacity_ >= 0 && usedLocked() + length > capacity_) return fail(ENOSPC);
+  if (capacity_ >= 0 && usedLocked() + length * scale_ > capacity_) return fail(ENOSPC);
   if (keepData_) {
     file.types += handle->type;
     file.data.append(data, static_cast<std::size_t>(length));
   }
-  file.size += length;
+  file.size += length * scale_;
   handle->size = file.size;
   return 0;
 }

@@ -29,6 +29,8 @@ class FakeRecordings {
   // Bytes that fit onto the share; -1: no limit.
   void capacity(std::int64_t bytes) { capacity_ = bytes; }
   void keepData(bool on) { keepData_ = on; }  // for long runs: none of it
+  // Every byte written counts as so many.
+  void scale(std::int64_t times) { scale_ = times; }
   void put(const std::string& path, std::int64_t size);
   void removeTree(const std::string& path);
   bool exists(const std::string& path) const;
@@ -58,5 +60,6 @@ class FakeRecordings {
   std::set<std::string> folders_;
   std::int64_t capacity_ = -1;
   bool keepData_ = true;
+  std::int64_t scale_ = 1;
   int handles_ = 0;
 };
