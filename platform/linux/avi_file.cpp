@@ -42,7 +42,7 @@ void AviFile::restart() {
   head_ = AviHead();
   head_.totals.scale = kRateScale;
   head_.totals.rate = rate;
-  used_ = frames_ = 0;
+  used_ = frames_ = riffFrames_ = 0;
   payload_ = riff_ = 0;
   updateUs_ = 0;
   pending_ = 0;
@@ -72,7 +72,7 @@ bool AviFile::begin(char type, const char* header, const char* data, std::uint32
   if (pending_ > 0 && due && !publish()) return false;
   if (!started_)
     start(type, header, data, length);
-  else if (!makeRoom())
+  else if (!makeRoom(length))
     return false;
 
   // A picture's size stands in its head once the picture is whole. One that comes in one piece is
@@ -137,6 +137,7 @@ bool AviFile::finish() {
   entry.word(pictureBytes_ | (key_ ? 0 : kAviNotKey));
   ++pending_;
   ++frames_;
+  ++riffFrames_;
   if (riff_ == 0) ++head_.totals.firstFrames;
   head_.totals.longest = std::max(head_.totals.longest, pictureBytes_);
   payload_ += pictureBytes_;
@@ -183,21 +184,30 @@ void AviFile::start(char type, const char* header, const char* data, std::uint32
   nextBlock();  // fits the buffer
 }
 
-// Makes sure that the file can take a picture and has room for its entry in the index.
-bool AviFile::makeRoom() {
+// Makes sure that the file can take a picture of `length` and has room for its entry in the index.
+bool AviFile::makeRoom(std::uint32_t length) {
+  const std::uint32_t oldIndex = kChunkHead + kAviOldEntry * (head_.totals.firstFrames + 1);
+  const std::int64_t bytes = size() - riff_ + kChunkHead + length + 1 + (riff_ == 0 ? oldIndex : 0);
   const std::uint32_t limit = riff_ == 0 ? limits_.firstRiff : limits_.laterRiff;
-  if (size() - riff_ >= limit && !nextRiff()) return false;
+  if (bytes > limit && riffFrames_ > 0 && !nextRiff()) return false;
   if (blockUsed_ + static_cast<std::uint32_t>(pending_) < blockRoom_) return true;
-  return publish() && nextBlock();
+  return (pending_ == 0 || publish()) && nextBlock();
 }
 
 bool AviFile::nextRiff() {
   if (!publish()) return false;
+  const std::int64_t end = end_;
   if (riff_ == 0 && !writeOldIndex()) return false;
-  riff_ = end_;
   AviOutput out(buffer_);  // empty after the update
   writeNextHead(out, kAviNextHead);
   used_ = kAviNextHead;
+  if (!flush()) {
+    used_ = 0;
+    if (riff_ == 0) takeBackOldIndex(end);
+    return false;
+  }
+  riff_ = end_ - kAviNextHead;
+  riffFrames_ = 0;
   blockRoom_ = blockUsed_;  // pictures here belong into a block of their own
   return true;
 }
@@ -205,19 +215,23 @@ bool AviFile::nextRiff() {
 // Reserves the next block of the index. Without room in the table for it the pictures go on without
 // an index: they play, but nobody can jump to them.
 bool AviFile::nextBlock() {
-  indexed_ = head_.blocks < kAviBlocks;
-  blockUsed_ = 0;
-  base_ = indexed_ ? size() : riff_;
-  blockRoom_ = std::numeric_limits<std::uint32_t>::max();
-  if (!indexed_) return true;
+  indexed_ = false;
+  base_ = riff_;
+  blockUsed_ = blockRoom_ = 0;
+  if (head_.blocks == kAviBlocks) {
+    blockRoom_ = std::numeric_limits<std::uint32_t>::max();
+    return true;
+  }
   const std::uint32_t room = aviBlockRoom(head_.blocks, limits_.firstBlock);
   const std::uint32_t bytes = kAviBlockHead + room * kAviBlockEntry;
-  blockRoom_ = 0;
+  const std::int64_t at = size();
   if (!reserve(bytes)) return false;
-  AviBlock& block = head_.block[head_.blocks++];
-  block.at = static_cast<std::uint64_t>(base_);
-  block.bytes = bytes;
+  indexed_ = true;
+  base_ = at;
   blockRoom_ = room;
+  AviBlock& block = head_.block[head_.blocks++];
+  block.at = static_cast<std::uint64_t>(at);
+  block.bytes = bytes;
   return true;
 }
 
@@ -225,7 +239,7 @@ bool AviFile::nextBlock() {
 bool AviFile::reserve(std::uint32_t bytes) {
   if (kBuffer - used_ < bytes && !flush()) return false;
   AviOutput out(buffer_ + used_);
-  writeBlockHead(out, bytes, static_cast<std::uint64_t>(base_), 0);
+  writeBlockHead(out, bytes, static_cast<std::uint64_t>(size()), 0);
   if (kBuffer - used_ >= bytes) {
     std::memset(buffer_ + used_ + kAviBlockHead, 0, bytes - kAviBlockHead);
     used_ += bytes;

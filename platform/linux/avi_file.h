@@ -8,8 +8,8 @@
 
 // Where a file goes on in another way. Tests have smaller ones.
 struct AviLimits {
-  // Sizes stay below 2 GiB, since some players take them for signed words: a RIFF may still get a
-  // picture, a block of the index and, the first one, the other index behind that.
+  // Bytes of a RIFF, reached only by pictures that come in pieces. Below 2 GiB, since some players
+  // take sizes for signed words.
   std::uint32_t firstRiff = std::uint32_t{1} << 30;
   std::uint32_t laterRiff = std::uint32_t{3} << 29;
   std::uint32_t firstBlock = 128;  // pictures in the first block of the index
@@ -50,7 +50,7 @@ class AviFile {
   void drop();
 
   void start(char type, const char* header, const char* data, std::uint32_t length);
-  bool makeRoom();
+  bool makeRoom(std::uint32_t length);
   bool nextRiff();
   bool nextBlock();
   bool reserve(std::uint32_t bytes);
@@ -65,6 +65,7 @@ class AviFile {
   bool publish();
   bool writeHead();
   bool writeOldIndex();
+  void takeBackOldIndex(std::int64_t end);
   std::int64_t endOf(int pending) const;
   void measure(std::int64_t nowUs);
 
@@ -96,6 +97,7 @@ class AviFile {
   std::uint32_t frames_ = 0;  // whole pictures
   std::int64_t payload_ = 0;  // their bytes
   std::int64_t riff_ = 0;     // place of the present RIFF
+  std::uint32_t riffFrames_ = 0;
 
   // The present block of the index.
   bool indexed_ = false;  // there is one

@@ -7,6 +7,7 @@
 #include <limits>
 
 #include "platform/linux/avi_file.h"
+#include "platform/linux/avi_old_index.h"
 #include "platform/linux/clock.h"
 #include "platform/linux/file_io.h"
 
@@ -75,9 +76,14 @@ std::int64_t AviFile::endOf(int pending) const {
 void AviFile::forgetUnwritten() {
   used_ = 0;
   for (; pending_ > 0 && endOf(pending_ - 1) > end_; --pending_) {
+    const char* const entry = entries_ + static_cast<std::size_t>(pending_ - 1) * kAviBlockEntry;
+    payload_ -= loadLe32(entry + 4) & ~kAviNotKey;
     --frames_;
     if (riff_ == 0) --head_.totals.firstFrames;
   }
+  if (!indexed_ || base_ < end_) return;
+  indexed_ = false;  // the block has not come into the file either
+  head_.block[--head_.blocks] = AviBlock();
 }
 
 void AviFile::measure(std::int64_t nowUs) {
@@ -122,12 +128,8 @@ bool AviFile::publish() {
 }
 
 bool AviFile::writeHead() {
-  constexpr std::uint64_t kMost = std::numeric_limits<std::int32_t>::max();
-  AviTotals& totals = head_.totals;
-  totals.frames = frames_;
-  const auto bytes = static_cast<std::uint64_t>(payload_ / std::max<std::uint32_t>(frames_, 1));
-  const std::uint64_t perSecond = bytes * totals.rate / totals.scale;
-  totals.bytesPerSecond = static_cast<std::uint32_t>(std::min(perSecond, kMost));
+  head_.totals.frames = frames_;
+  head_.totals.tellBytes(payload_);
   char page[kAviHeadBytes];
   head_.encode(page);
   return writeAt(file_.get(), page, sizeof page, 0);
@@ -157,52 +159,27 @@ bool AviFile::close(std::int32_t rate) {
   return error == 0;
 }
 
-// Writes the index of the first RIFF behind its pictures, from the blocks that stand among them.
+// Writes the other index of the first RIFF, and into the head that it is there.
 bool AviFile::writeOldIndex() {
-  constexpr std::uint32_t kPart = kBuffer / 4;  // read; what is made of it is twice as long
-  std::int64_t at = end_;
-  std::uint32_t indexed = 0;
-  for (std::uint32_t i = 0; i < head_.blocks; ++i) indexed += head_.block[i].frames;
-  if (indexed != head_.totals.firstFrames) return true;  // the table is full
-  char* const made = buffer_ + kPart;
-  AviOutput(made).chunk("idx1", indexed * kAviOldEntry);
-  bool good = writeAt(file_.get(), made, kChunkHead, at);
-  at += kChunkHead;
-  for (std::uint32_t i = 0; good && i < head_.blocks; ++i) {
-    const AviBlock& block = head_.block[i];
-    const auto base = static_cast<std::int64_t>(block.at);
-    const auto shift = static_cast<std::uint32_t>(base) - kChunkHead - (kAviMovi + kChunkHead);
-    for (std::uint32_t done = 0; good && done < block.frames;) {
-      const std::uint32_t count = std::min(block.frames - done, kPart / kAviBlockEntry);
-      const long bytes = static_cast<long>(count * kAviBlockEntry);
-      const std::int64_t from = base + kAviBlockHead + std::int64_t{done} * kAviBlockEntry;
-      const long got = readAt(file_.get(), buffer_, static_cast<std::size_t>(bytes), from);
-      if (got >= 0 && got < bytes) errno = EIO;  // somebody has cut the file
-      good = got == bytes;
-      AviOutput out(made);
-      for (std::uint32_t n = 0; good && n < count; ++n) {
-        const char* const entry = buffer_ + std::size_t{n} * kAviBlockEntry;
-        const std::uint32_t size = loadLe32(entry + 4);
-        out.tag(kAviPicture).word(size & kAviNotKey ? 0 : kAviKeyFrame);
-        out.word(loadLe32(entry) + shift).word(size & ~kAviNotKey);
-      }
-      good = good && writeAt(file_.get(), made, std::size_t{count} * kAviOldEntry, at);
-      at += std::int64_t{count} * kAviOldEntry;
-      done += count;
-    }
-  }
-  if (good) {
-    head_.totals.flags |= kAviHasIndex;
-    head_.riffBytes = static_cast<std::uint32_t>(at);
-    good = writeHead();
-  }
-  if (good) {
-    end_ = at;
-  } else {
-    const ErrnoKeeper keeper;
-    head_.totals.flags = 0;
+  AviOldIndex index(file_.get(), head_);
+  if (!index.possible()) return true;
+  const std::int64_t end = end_;
+  if (index.write(end)) {
+    end_ = end + index.bytes();
+    head_.totals.flags = kAviHasIndex;
     head_.riffBytes = static_cast<std::uint32_t>(end_);
-    resizeFile(file_.get(), end_);
+    if (writeHead()) return true;
   }
-  return good;
+  takeBackOldIndex(end);
+  return false;
+}
+
+// `end`: of the pictures ahead of it.
+void AviFile::takeBackOldIndex(std::int64_t end) {
+  const ErrnoKeeper keeper;
+  end_ = end;
+  head_.totals.flags = 0;
+  head_.riffBytes = static_cast<std::uint32_t>(end);
+  writeHead();
+  resizeFile(file_.get(), end);
 }

@@ -72,6 +72,11 @@ bool AviHead::decode(const char (&page)[kAviHeadBytes]) {
   }
   char again[kAviHeadBytes];
   encode(again);
+  // What stands twice may differ where a power cut has left a part of an update.
+  const std::uint32_t total = tableAt(stream) + kTable + kListHead + kChunkHead;
+  for (const std::uint32_t at :
+       {kFileHeaderAt + kChunkHead, kStreamHeadAt + kChunkHead + 36, total})
+    std::memcpy(again + at, page + at, 4);
   return blocks <= kAviBlocks && std::memcmp(page, again, sizeof again) == 0;
 }
 

@@ -1,12 +1,21 @@
 #include "platform/linux/avi_layout.h"
 
 #include <algorithm>
+#include <limits>
 
 namespace {
 constexpr std::uint64_t kUsPerSecond = 1000000;
 constexpr std::uint64_t kMostWord = 0xffffffff;
 constexpr std::uint32_t kUsualQuality = 0xffffffff;
 }  // namespace
+
+void AviTotals::tellBytes(std::int64_t payload) {
+  constexpr std::uint64_t kMost = std::numeric_limits<std::int32_t>::max();
+  const std::uint64_t mean =
+      static_cast<std::uint64_t>(payload) / std::max<std::uint32_t>(frames, 1);
+  const std::uint64_t all = mean * rate / std::max<std::uint32_t>(scale, 1);
+  bytesPerSecond = static_cast<std::uint32_t>(std::min(all, kMost));
+}
 
 void writeFileHeader(AviOutput& out, const AviStream& stream, const AviTotals& totals) {
   const std::uint64_t us = kUsPerSecond * totals.scale / std::max<std::uint32_t>(totals.rate, 1);

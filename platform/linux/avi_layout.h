@@ -85,6 +85,9 @@ struct AviTotals {
   std::uint32_t firstFrames = 0;  // in the file's first RIFF
   std::uint32_t frames = 0;       // in all
   std::uint32_t longest = 0;      // bytes of the longest picture
+
+  // Sets `bytesPerSecond` from the bytes of all pictures.
+  void tellBytes(std::int64_t payload);
 };
 
 // Write the chunks "avih", and "strh" with "strf".
