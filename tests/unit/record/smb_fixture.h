@@ -79,7 +79,7 @@ class SmbFixture : public RecordFixture {
   int record(long seconds) {
     if (!recorder) make();
     recorder->start(seconds);
-    fake.stopAfter(static_cast<double>(seconds) + 1);
+    fake.stopAfter(static_cast<double>(seconds) + 3);
     return runBodies(*recorder);
   }
 
