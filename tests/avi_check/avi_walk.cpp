@@ -212,6 +212,7 @@ void AviReader::walkBehind(std::uint64_t at) {
       problem(at, "what is behind the end is no chunk");
       return;
     }
+    if (chunk.is("00dc") && chunk.size == 0) return;  // its size is not known before its end
     if (chunk.is("00dc")) takePicture(chunk, true);
     if (chunk.is("ix00") && isWhole(chunk)) readIndexBlock(chunk);
     if (chunk.next() > bytes_.size() || report_.pictures.size() >= kMostPictures) return;
