@@ -1,0 +1,413 @@
+# shellcheck shell=bash
+# The share at /smb: mounted and unmounted by smb.sh, with a Samba server that works, or does not.
+
+secret='pa ss;w%rd#1$"é'
+server='' port='' server_output=''
+apart=()  # what the server is started by
+
+needs_a_share() {
+  once_is_enough
+  if [ "$(id -u)" -ne 0 ] || [ ! -c /dev/fuse ]; then skip "no mounts of FUSE here"; fi
+  [ -x "$build/board/share/sharefs" ] || skip "sharefs is not built"
+}
+
+# start_server [PORT]: a server of the folder $work/share.
+start_server() {
+  mkdir -p "$work/share"
+  (umask 077 && echo "camera:$secret" >"$work/users")
+  server_output=$(mktemp "$work/server.XXXXXX")
+  TMPDIR=$work "${apart[@]}" "$root/board/servers/smb_server" --root "$work/share" --port "${1:-0}" --users "$work/users" \
+    >"$server_output" 2>>"$log" &
+  server=$!
+  boxes+=("$server")
+  eventually 20 grep -q ready "$server_output"
+  port=$(cut -d' ' -f2 "$server_output")
+}
+
+stop_server() {
+  [ -z "$server" ] || end_process "$server" 5 || fail "the server does not end"
+  server=''
+}
+
+# share_is [LINE...]: sets the section Samba, with these lines in addition.
+share_is() {
+  local file=$board/etc/sys.conf
+  (umask 077 && : >"$file.new")
+  printf '%s\n' '[samba]' 'Enable = 1' 'server = 127.0.0.1' "Port = ${port:-1}" 'Share = camera' \
+    'User = camera' "Password = $secret  ; the camera's own" "$@" '[Other]' 'Server = elsewhere' \
+    >"$file.new"
+  mv -f "$file.new" "$file"
+}
+
+# open_box [SMB]: a box whose shell takes the commands of in_box.
+open_box() {
+  coproc box_shell {
+    exec "$root/board/enter" --smb "${1:-server}" --sharefs "$build/board/share/sharefs" "$board" sh 2>>"$log"
+  }
+  # shellcheck disable=SC2154  # coproc sets it
+  box_pid=$box_shell_PID
+  boxes+=("$box_pid")
+  exec {to_box}>&"${box_shell[1]}" {from_box}<&"${box_shell[0]}"
+}
+
+# in_box COMMAND: runs it; its exit status, and what it writes. $took is how many ms that needed.
+in_box() {
+  local line begun
+  begun=$(now_ms)
+  printf '{ %s\n} </dev/null; printf "\\nis done: %%d\\n" $?\n' "$1" >&"$to_box"
+  while IFS= read -r line <&"$from_box"; do
+    took=$(($(now_ms) - begun))
+    case $line in 'is done: '*) return "${line#is done: }" ;; esac
+    echo "$line"
+  done
+  fail "the box has gone"
+}
+
+is_mounted() { in_box 'grep -q " /smb " /proc/self/mountinfo'; }
+is_bare() { ! is_mounted; }
+smb() { in_box "/etc/init.d/smb.sh $1"; }
+mount_share() { smb start || fail "not mounted: $(tail -n 3 "$board/var/log/camera/board.log")"; }
+board_said() { grep -qF -- "$1" "$board/var/log/camera/board.log"; }
+
+# serving: the processes of this board's share, without those that are only not yet collected.
+serving() {
+  local entry
+  for entry in /proc/[0-9]*; do
+    case $(tr '\0' ' ' 2>/dev/null <"$entry/cmdline") in
+      'sharefs /smb ' | *smb.sh\ guard*) ;;
+      *) continue ;;
+    esac
+    # Others may run boards at the same time: ours has our file tree.
+    [ "$entry/root/etc/sys.conf" -ef "$board/etc/sys.conf" ] && echo "${entry#/proc/}"
+  done
+  return 0
+}
+nothing_serves() { [ -z "$(serving)" ]; }
+
+in_three_seconds() { [ "$took" -lt 3200 ] || fail "$1 takes $took ms"; }
+
+# nothing_is_left: after a start that failed, or a stop.
+nothing_is_left() {
+  is_bare || fail "something is mounted"
+  nothing_serves || fail "processes are left: $(serving)"
+}
+
+# fails TEXT: a start fails in time, says so and leaves nothing.
+fails() {
+  if smb start; then fail "mounted"; fi
+  in_three_seconds "a start that fails"
+  board_said "$1" || fail "$(tail -n 3 "$board/var/log/camera/board.log") instead of $1"
+  nothing_is_left
+}
+
+test_is_mounted_and_written_to() {
+  needs_a_share
+  start_server
+  share_is
+  open_box
+  mount_share
+  in_three_seconds "a start"
+  is_mounted || fail "not mounted"
+  board_said 'smb.sh: //127.0.0.1/camera is mounted' || fail "no message"
+  in_box 'mkdir -p /smb/camera/20261121 && echo "a picture" >"/smb/camera/20261121/a b%ä.avi"'
+  expect "$(cat "$work/share/camera/20261121/a b%ä.avi")" "a picture" "on the server"
+  (umask 077 && printf 'username=camera\npassword=%s\n' "$secret" >"$work/login")
+  smbclient -p "$port" -A "$work/login" //127.0.0.1/camera \
+    -c "get \"camera/20261121/a b%ä.avi\" $work/got" >/dev/null 2>&1
+  expect "$(cat "$work/got")" "a picture" "through another client"
+  # It may be asked again and again.
+  smb start || fail "a second start fails"
+  smb stop || fail "not unmounted"
+  in_three_seconds "a stop"
+  nothing_is_left
+  smb stop || fail "a second stop fails"
+  expect "$(ls "$board/smb")" "" "the bare mount point"
+  stop_server
+}
+
+# A recording grows, and its header is written again and again: both are on the server at once.
+test_what_is_written_is_on_the_server_at_once() {
+  needs_a_share
+  start_server
+  share_is
+  open_box
+  mount_share
+  in_box 'exec 5>/smb/a; printf "0000" >&5; printf "more" >&5; printf 1234 | dd of=/smb/a conv=notrunc status=none'
+  expect "$(cat "$work/share/a")" "1234more" "while it is open"
+  in_box 'printf "last" >&5; exec 5>&-'
+  expect "$(cat "$work/share/a")" "1234morelast" "at its end"
+  expect "$(in_box 'cat /smb/a')" "1234morelast" "read back"
+  expect "$(($(in_box 'stat -f -c "%b * %S" /smb')))" "$(($(stat -f -c '%b * %S' "$work/share")))" "bytes of the disk"
+  # Files that the server has refuse as they should.
+  in_box 'mkdir /smb/a 2>&-' && fail "a folder in the place of a file"
+  in_box 'rmdir /smb/none 2>&-' && fail "a folder that is not there"
+  is_mounted || fail "an error of a file has unmounted everything"
+  stop_server
+}
+
+test_a_full_share_says_so() {
+  needs_a_share
+  apart=(unshare -m sh -c 'mount -t tmpfs -o size=1M none "$0" && exec "$@"' "$work/share")
+  start_server
+  share_is
+  open_box
+  mount_share
+  in_box 'dd if=/dev/zero of=/smb/a bs=64k count=32 2>/home/said' && fail "no room and no error"
+  grep -q 'No space left' "$board/home/said" || fail "$(<"$board/home/said")"
+  in_box 'rm /smb/a && echo again >/smb/b' || fail "room is not made"
+  is_mounted || fail "a full share has gone"
+  stop_server
+}
+
+test_the_kernel_mounts_where_it_can() {
+  needs_a_share
+  share_is 'Domain = HOME' 'Version = 3.1.1'
+  local mount=$board/sbin/mount
+  printf '#!/bin/sh\n' | tee "$board/sbin/modprobe" "$board/sbin/mount.cifs" >/dev/null
+  cat >"$mount" <<'END'
+#!/bin/sh
+echo "$*" >/home/asked
+cp /run/smb/credentials /home/credentials
+ls -l /run/smb/credentials | cut -c 1-10 >/home/mode
+[ ! -e /home/refuse ] || { echo "mount error(13)" >&2; exit 32; }
+exec /usr/bin/mount -t tmpfs none /smb
+END
+  chmod +x "$board"/sbin/{mount,modprobe,mount.cifs}
+  port=14450 share_is 'Domain = HOME' 'Version = 3.1.1'
+  # A server that answers is enough.
+  start_listener
+  share_is 'Domain = HOME' 'Version = 3.1.1'
+  open_box
+  mount_share
+  expect "$(<"$board/home/mode")" "-rw-------" "mode of the credentials"
+  expect "$(<"$board/home/credentials")" "username=camera
+password=$secret
+domain=HOME" "credentials"
+  grep -qF "port=$port,vers=3.1.1,soft," "$board/home/asked" || fail "$(<"$board/home/asked")"
+  if grep -qF "$secret" "$board/home/asked"; then fail "the password is in the command line"; fi
+  in_box 'test -e /run/smb/credentials' && fail "the credentials stay"
+  smb stop || fail "not unmounted"
+  nothing_is_left
+  touch "$board/home/refuse"
+  fails 'refuses: mount error(13)'
+  in_box 'test -e /run/smb/credentials' && fail "the credentials stay"
+  return 0
+}
+
+test_a_wrong_password_and_a_share_that_is_not_there() {
+  needs_a_share
+  start_server
+  share_is 'Password = wrong'
+  open_box
+  fails 'the server 127.0.0.1 refuses: the server refuses: Permission denied'
+  share_is 'Share = none'
+  fails 'the server 127.0.0.1 refuses: the server refuses: No such file or directory'
+  share_is  # a changed configuration is tried at once
+  mount_share
+  stop_server
+}
+
+# start_listener: takes connections and says nothing.
+start_listener() {
+  /usr/bin/python3 -c '
+import socket
+listener = socket.create_server(("127.0.0.1", 0))
+print("ready", listener.getsockname()[1], flush=True)
+kept = []
+while True: kept.append(listener.accept())' >"$work/listener" &
+  boxes+=($!)
+  eventually 10 grep -q ready "$work/listener"
+  port=$(cut -d' ' -f2 "$work/listener")
+}
+
+test_a_server_that_says_nothing() {
+  needs_a_share
+  start_listener
+  share_is
+  open_box
+  fails 'the server 127.0.0.1 is too slow'
+}
+
+test_no_server_is_remembered_for_ten_seconds() {
+  needs_a_share
+  start_server
+  stop_server
+  share_is
+  open_box
+  fails "the server 127.0.0.1 does not answer on port $port"
+  start_server "$port"
+  local lines
+  lines=$(wc -l <"$board/var/log/camera/board.log")
+  if smb start; then fail "the failure is forgotten"; fi
+  [ "$took" -lt 1000 ] || fail "the answer takes $took ms"
+  expect "$(wc -l <"$board/var/log/camera/board.log")" "$lines" "messages"
+  # As if it had been 10 s ago.
+  in_box 'read -r time sum </run/smb/failed && echo "$((time - 1000)) $sum" >/run/smb/failed'
+  mount_share
+  stop_server
+}
+
+# Whoever writes is told within the file system's own time-out, 3 s, and the mount goes by itself.
+test_a_server_that_hangs() {
+  needs_a_share
+  start_server
+  share_is
+  open_box
+  mount_share
+  kill -USR1 "$server"
+  in_box 'echo x >/smb/a' 2>/dev/null && fail "written to a server that hangs"
+  [ "$took" -lt 4500 ] || fail "a write is held for $took ms"
+  eventually 2 is_bare
+  eventually 2 nothing_serves
+  fails 'the server 127.0.0.1 is too slow'
+  kill -USR2 "$server"
+  share_is '# changed'
+  mount_share
+  kill -USR1 "$server"
+  in_box 'echo x >/smb/a &' 2>/dev/null
+  smb stop || fail "not unmounted"
+  in_three_seconds "a stop"
+  nothing_is_left
+  kill -USR2 "$server"
+  stop_server
+}
+
+test_a_server_that_is_killed_and_comes_back() {
+  needs_a_share
+  start_server
+  share_is
+  open_box
+  mount_share
+  in_box 'exec 5>/smb/a; echo x >&5'
+  stop_server
+  in_box 'echo y >&5' 2>/dev/null && fail "written to no server"
+  eventually 2 is_bare
+  eventually 2 nothing_serves
+  in_box 'exec 5>&-'
+  start_server "$port"
+  mount_share
+  in_box 'echo z >/smb/b' || fail "not written"
+  # Gone again, and nobody writes.
+  stop_server
+  smb stop || fail "not unmounted"
+  in_three_seconds "a stop"
+  nothing_is_left
+}
+
+test_the_mount_goes_with_what_serves_it() {
+  needs_a_share
+  start_server
+  share_is
+  open_box
+  mount_share
+  kill -KILL "$(in_box 'cat /run/smb/helper')"
+  eventually 2 is_bare
+  eventually 2 nothing_serves
+  mount_share
+  # And with the box, however that ends.
+  kill -KILL "$box_pid"
+  eventually 5 nothing_serves
+  stop_server
+}
+
+test_many_starts_at_once_mount_once() {
+  needs_a_share
+  start_server
+  share_is
+  open_box
+  in_box 'for i in 1 2 3 4; do (/etc/init.d/smb.sh start; echo $? >>/home/ends) & done; wait'
+  expect "$(sort "$board/home/ends" | uniq -c | tr -s ' ')" " 4 0" "ends"
+  expect "$(in_box 'grep -c " /smb " /proc/self/mountinfo')" 1 "mounts"
+  expect "$(grep -c 'is mounted' "$board/var/log/camera/board.log")" 1 "messages"
+  in_box '(/etc/init.d/smb.sh stop &) ; /etc/init.d/smb.sh stop' || fail "not unmounted"
+  eventually 3 nothing_serves
+  is_bare || fail "something is mounted"
+  stop_server
+}
+
+# seen_by_all: notes what everybody can see of processes, as long as $work/watch is there.
+seen_by_all() {
+  while [ -e "$work/watch" ]; do
+    cat /proc/[0-9]*/cmdline 2>/dev/null | tr '\0' '\n' | grep -aF "$secret" >>"$work/leaks"
+    # shellcheck disable=SC2009  # the whole list is the point
+    ps -eo args | grep -F "$secret" >>"$work/leaks"
+  done
+}
+
+test_the_password_shows_nowhere() {
+  needs_a_share
+  start_server
+  share_is
+  open_box
+  touch "$work/watch"
+  : >"$work/leaks"
+  seen_by_all 2>/dev/null &
+  local watcher=$!
+  mount_share
+  local pid
+  for pid in $(serving); do
+    if tr '\0' '\n' <"/proc/$pid/environ" | grep -qF "$secret"; then fail "in the environment of $pid"; fi
+  done
+  expect "$(in_box 'grep -rlF "pa ss" /run/smb /tmp /var /proc/self/mountinfo')" "" "files"
+  smb stop
+  share_is 'Share = none'
+  if smb start; then fail "mounted"; fi
+  rm "$work/watch"
+  wait $watcher || true
+  expect "$(grep -avF 'grep' "$work/leaks")" "" "what everybody sees"
+  if grep -rqF "$secret" "$log" "$board/var"; then fail "in a log"; fi
+  # Who may read the file is told once a start, and not when nobody may.
+  if board_said chmod; then fail "a warning without need"; fi
+  chmod 640 "$board/etc/sys.conf"
+  share_is
+  chmod 640 "$board/etc/sys.conf"
+  mount_share
+  expect "$(grep -c 'chmod 600 /etc/sys.conf' "$board/var/log/camera/board.log")" 1 "warnings"
+  stop_server
+}
+
+test_settings_that_are_wrong() {
+  needs_a_share
+  open_box
+  fails 'no share is set up: /etc/sys.conf has no Server in the section Samba'
+  local line
+  for line in 'Server = -x' 'Server = a b' 'Server = a,b' 'Server = $(touch /tmp/x)'; do
+    share_is "$line"
+    fails 'Server is wrong in /etc/sys.conf'
+  done
+  for line in 'Share =' 'Share = a/b' 'Share = a\b' 'Share = ;x'; do
+    share_is "$line"
+    : >"$board/var/log/camera/board.log"
+    fails 'smb.sh: '
+  done
+  for line in 'Port = 0' 'Port = 65536' 'Port = x' 'Port = 999999999999'; do
+    share_is "$line"
+    fails 'Port is wrong in /etc/sys.conf: 445 is taken'
+  done
+  expect "$(find "$board/tmp" "$board/home" -name x)" "" "what was run"
+  : >"$board/etc/sys.conf"
+  fails 'no share is set up'
+  rm "$board/etc/sys.conf"
+  fails 'no share is set up'
+}
+
+test_a_share_in_memory_is_not_ours_to_unmount() {
+  once_is_enough
+  bwrap --bind / / true 2>/dev/null || skip "bubblewrap does not work here"
+  open_box 64M
+  expect "$(in_box 'stat -f -c %T /smb')" tmpfs "the share"
+  expect "$(($(in_box 'stat -f -c "%b * %S" /smb')))" $((64 << 20)) "its size"
+  smb start || fail "a start fails"
+  smb stop || fail "a stop fails"
+  is_mounted || fail "it has gone"
+  in_box 'mkdir -p /smb/camera && echo x >/smb/camera/a' || fail "not written"
+}
+
+test_without_a_share_the_folder_is_bare() {
+  once_is_enough
+  open_box none
+  is_bare || fail "something is mounted"
+  if smb start; then fail "mounted"; fi
+  in_three_seconds "a start"
+  smb stop || fail "a stop fails"
+}
