@@ -47,7 +47,7 @@ int setting(const char* key, int fallback) {
 std::int64_t limit(const char* key, int fallback) {
   const int value = setting(key, fallback);
   if (value > 0) return value;
-  logEx(2, "%s: [Samba] %s can't be %d", kSystemFile, key, value);
+  logEx(2, "%s: [Samba] %s is out of range: %d", kSystemFile, key, value);
   return fallback;
 }
 

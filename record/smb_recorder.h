@@ -22,8 +22,9 @@ class TSmbRecorder : public TRecorder {
  public:
   // Reads the settings. `prefix`: of the file names, usually empty; files that have one make room
   // only together with their day.
-  // Logs 2 "%s: [Samba] %s can't be %d" for a size or length that is none, and takes the default;
-  // logs 3 "aviCreate() fail" when there is no memory for AVI files: none can be opened then.
+  // Logs 2 "%s: [Samba] %s is out of range: %d" for a size or length that is none, and takes the
+  // default; logs 3 "aviCreate() fail" when there is no memory for AVI files: none can be opened
+  // then.
   explicit TSmbRecorder(const char* prefix);
   // Closes a file that is still open. Logs 3 "aviRelease() fail".
   ~TSmbRecorder() override;

@@ -126,10 +126,10 @@ TEST_F(SmbFiles, SizeAndLengthThatAreNoneGiveTheDefaults) {
     set("MaxSize", value);
     set("MaxLength", value);
     make();
-    EXPECT_THAT(
-        failures(),
-        ElementsAre("log 2 /etc/sys.conf: [Samba] MaxLength can't be " + std::to_string(value),
-                    "log 2 /etc/sys.conf: [Samba] MaxSize can't be " + std::to_string(value)));
+    EXPECT_THAT(failures(), ElementsAre("log 2 /etc/sys.conf: [Samba] MaxLength is out of range: " +
+                                            std::to_string(value),
+                                        "log 2 /etc/sys.conf: [Samba] MaxSize is out of range: " +
+                                            std::to_string(value)));
   }
   fake.recordings.scale(60 << 20);
   sequence(0.1, 0.1, "IIIII");  // 240 MiB each
