@@ -1,8 +1,6 @@
 // Uploads by FTP, with libcurl.
 #include "platform/ftp.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstring>
 #include <memory>
@@ -17,6 +15,8 @@ namespace {
 
 constexpr int kPlain = 0;
 constexpr int kTls = 1;
+// Least and most, CURL_SSLVERSION_MAX_TLSv1_2, which is outside of its own type.
+constexpr long kTls12Alone = CURL_SSLVERSION_TLSv1_2 | CURL_SSLVERSION_TLSv1_2 << 16;
 constexpr long kServiceClosing = 421;  // the reply that ends a session
 
 struct CurlText {
@@ -85,7 +85,6 @@ class Session {
   bool sessionWasOver(CURLcode result) const;
   int fail(const std::string& reason) const;
   static std::size_t onRead(char* buffer, std::size_t size, std::size_t count, void* self);
-  static int onClose(void* self, curl_socket_t socket);
 
   template <typename Value>
   void set(CURLoption option, Value value) {
@@ -98,7 +97,6 @@ class Session {
   const char* data_ = nullptr;  // the upload, not owned
   std::size_t length_ = 0;
   std::size_t sent_ = 0;
-  bool sending_ = false;
   Transfer transfer_;  // goes first: libcurl calls back until then
 };
 
@@ -116,6 +114,10 @@ bool Session::setTls() {
   set(CURLOPT_USE_SSL, static_cast<long>(CURLUSESSL_ALL));  // the data too
   set(CURLOPT_FTPSSLAUTH, static_cast<long>(CURLFTPAUTH_TLS));
   transfer_.setTls(tls.verify, tls.caFile);
+  // Data connections that the server opens are closed by libcurl alone. With TLS 1.3 the server
+  // still sends tickets then, which would break them (see Transfer::endData).
+  if (settings.number("Active", kFtpPassive, kFtpPassive, kFtpActive) == kFtpActive)
+    set(CURLOPT_SSLVERSION, kTls12Alone);
   return true;
 }
 
@@ -132,8 +134,6 @@ int Session::open(const char* server, int port, const char* user) {
   set(CURLOPT_FTP_CREATE_MISSING_DIRS, static_cast<long>(CURLFTP_CREATE_DIR_RETRY));
   set(CURLOPT_READFUNCTION, onRead);
   set(CURLOPT_READDATA, this);
-  set(CURLOPT_CLOSESOCKETFUNCTION, onClose);
-  set(CURLOPT_CLOSESOCKETDATA, this);
   set(CURLOPT_URL, (url_ + "/").c_str());
   set(CURLOPT_NOBODY, 1L);  // nothing but the login
   return transfer_.run() == CURLE_OK ? 0 : fail(transfer_.reason(password_.c_str()));
@@ -157,10 +157,7 @@ int Session::transfer(const char* name, const char* data, long length, int optio
 
 CURLcode Session::send() {
   sent_ = 0;
-  sending_ = true;
-  const CURLcode result = transfer_.run();
-  sending_ = false;
-  return result;
+  return transfer_.run();
 }
 
 // A server may end a session that had nothing to do for a while: logging in again is all that it
@@ -176,19 +173,16 @@ bool Session::sessionWasOver(CURLcode result) const {
 }
 
 int Session::close() {
-  const curl_opensocket_callback noOther = [](void*, curlsocktype, curl_sockaddr*) {
-    return CURL_SOCKET_BAD;
-  };
-  if (!transfer_.connected()) return fail("the connection is lost");
   const std::unique_ptr<curl_slist, void (*)(curl_slist*)> farewell(
       curl_slist_append(nullptr, "QUIT"), curl_slist_free_all);
-  set(CURLOPT_OPENSOCKETFUNCTION, noOther);  // nobody logs in to log out
-  set(CURLOPT_URL, (url_ + "/").c_str());
+  // The root and no change of folder: nothing is to follow the farewell.
+  set(CURLOPT_URL, (url_ + "/%2F").c_str());
+  set(CURLOPT_FTP_FILEMETHOD, static_cast<long>(CURLFTPMETHOD_NOCWD));
   set(CURLOPT_UPLOAD, 0L);
   set(CURLOPT_NOBODY, 1L);
   set(CURLOPT_QUOTE, farewell.get());
-  const CURLcode result = transfer_.run(Transfer::limits().farewellMs);
-  set(CURLOPT_QUOTE, nullptr);
+  const CURLcode result = transfer_.runFarewell();
+  if (result == CURLE_COULDNT_CONNECT) return fail("the connection is lost");
   return result == CURLE_OK ? 0 : fail(transfer_.reason(password_.c_str()));
 }
 
@@ -198,15 +192,8 @@ std::size_t Session::onRead(char* buffer, std::size_t size, std::size_t count, v
   const std::size_t length = std::min(size * count, me.length_ - me.sent_);
   if (length > 0) std::memcpy(buffer, me.data_ + me.sent_, length);
   me.sent_ += length;
+  if (me.sent_ == me.length_) me.transfer_.gaveAll();
   return length;
-}
-
-// The end of the data connection is the end of the file; the server's answer to it comes next.
-int Session::onClose(void* self, curl_socket_t socket) {
-  auto& me = *static_cast<Session*>(self);
-  const int result = ::close(socket);
-  if (me.sending_ && me.sent_ == me.length_) me.transfer_.awaitReply();
-  return result;
 }
 
 thread_local std::unique_ptr<Session> session;

@@ -2,9 +2,11 @@
 
 #include <poll.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
-#include <cstdio>
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <limits>
 #include <mutex>
 
@@ -34,26 +36,33 @@ Transfer::Transfer() {
   initOnce();
   easy_ = curl_easy_init();
   multi_ = curl_multi_init();
-  if (easy_ == nullptr) return;
+  if (easy_ != nullptr) setOptions();
+}
+
+void Transfer::setOptions() {
+  const Limits& limit = limits();
   curl_easy_setopt(easy_, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(easy_, CURLOPT_QUICK_EXIT, 1L);  // a name server that hangs holds nobody
   curl_easy_setopt(easy_, CURLOPT_PROXY, "");       // none from the environment either
-  curl_easy_setopt(easy_, CURLOPT_CONNECTTIMEOUT_MS, limits().connectMs);
-  curl_easy_setopt(easy_, CURLOPT_ACCEPTTIMEOUT_MS, limits().connectMs);
-  curl_easy_setopt(easy_, CURLOPT_SERVER_RESPONSE_TIMEOUT, (limits().stallMs + 999) / 1000);
+  curl_easy_setopt(easy_, CURLOPT_CONNECTTIMEOUT_MS, limit.connectMs);
+  curl_easy_setopt(easy_, CURLOPT_ACCEPTTIMEOUT_MS, limit.connectMs);
+  curl_easy_setopt(easy_, CURLOPT_SERVER_RESPONSE_TIMEOUT, (limit.stallMs + 999) / 1000);
   curl_easy_setopt(easy_, CURLOPT_MAXAGE_CONN, kKeepConnectionS);
   curl_easy_setopt(easy_, CURLOPT_TCP_KEEPALIVE, 1L);
   curl_easy_setopt(easy_, CURLOPT_TCP_KEEPIDLE, kKeepAliveS);
+  curl_easy_setopt(easy_, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
   curl_easy_setopt(easy_, CURLOPT_ERRORBUFFER, error_);
   curl_easy_setopt(easy_, CURLOPT_NOPROGRESS, 0L);
   curl_easy_setopt(easy_, CURLOPT_XFERINFOFUNCTION, onProgress);
   curl_easy_setopt(easy_, CURLOPT_XFERINFODATA, this);
-  curl_easy_setopt(easy_, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
+  curl_easy_setopt(easy_, CURLOPT_OPENSOCKETFUNCTION, onOpen);
+  curl_easy_setopt(easy_, CURLOPT_OPENSOCKETDATA, this);
+  curl_easy_setopt(easy_, CURLOPT_CLOSESOCKETFUNCTION, onClose);
+  curl_easy_setopt(easy_, CURLOPT_CLOSESOCKETDATA, this);
 }
 
 Transfer::~Transfer() {
   cut();
-  forget();
   curl_easy_cleanup(easy_);
   curl_multi_cleanup(multi_);
 }
@@ -69,31 +78,23 @@ void Transfer::setTls(bool verify, const char* caFile) {
 CURLcode Transfer::run(long limitMs) {
   error_[0] = '\0';
   ended_ = CURLE_OK;
+  gaveAll_ = false;
   activeUs_ = monotonicUs();
   deadlineUs_ = limitMs > 0 ? activeUs_ + limitMs * 1000 : std::numeric_limits<std::int64_t>::max();
-  forget();
   if (easy_ == nullptr || multi_ == nullptr || curl_multi_add_handle(multi_, easy_) != CURLM_OK)
     return result_ = CURLE_OUT_OF_MEMORY;
   result_ = drive();
   if (ended_ != CURLE_OK) {
     result_ = ended_;
-    forget();
+    cut();
   }
+  curl_multi_remove_handle(multi_, easy_);
   return result_;
 }
 
-// Breaks off what is under way. A handle whose transfer is over stays until the next one: without
-// it libcurl does not tell the connection.
-void Transfer::forget() {
-  if (easy_ != nullptr && multi_ != nullptr) curl_multi_remove_handle(multi_, easy_);
-}
-
-bool Transfer::connected() const { return connection() != CURL_SOCKET_BAD; }
-
-curl_socket_t Transfer::connection() const {
-  curl_socket_t fd = CURL_SOCKET_BAD;
-  if (easy_ != nullptr) curl_easy_getinfo(easy_, CURLINFO_ACTIVESOCKET, &fd);
-  return fd;
+CURLcode Transfer::runFarewell() {
+  reconnects_ = false;
+  return run(limits().farewellMs);
 }
 
 CURLcode Transfer::drive() {
@@ -113,16 +114,37 @@ CURLcode Transfer::drive() {
                                                             : CURLE_FAILED_INIT;
 }
 
-void Transfer::awaitReply() {
-  const curl_socket_t fd = connection();
-  if (fd == CURL_SOCKET_BAD) return;
+curl_socket_t Transfer::onOpen(void* self, curlsocktype, curl_sockaddr* address) {
+  auto& me = *static_cast<Transfer*>(self);
+  if (!me.reconnects_) return CURL_SOCKET_BAD;
+  const int fd = socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+  if (fd >= 0) me.sockets_.push_back(fd);
+  return fd;
+}
+
+int Transfer::onClose(void* self, curl_socket_t socket) {
+  auto& me = *static_cast<Transfer*>(self);
+  me.sockets_.erase(std::remove(me.sockets_.begin(), me.sockets_.end(), socket), me.sockets_.end());
+  if (me.gaveAll_ && me.ended_ == CURLE_OK && me.sockets_.size() == 1) me.endData(socket);
+  return close(socket);
+}
+
+// Ends the data without closing the connection, and waits for the server's answer on the other one.
+// What comes meanwhile, tickets of TLS, is taken: closing a socket with something to read breaks
+// the connection, and the server loses what it has not yet read.
+void Transfer::endData(curl_socket_t socket) {
+  gaveAll_ = false;
   activeUs_ = monotonicUs();
-  pollfd waited{fd, POLLIN, 0};
-  while (poll(&waited, 1, kStepMs) <= 0) {
-    if (!mustEnd()) continue;
-    shutdown(fd, SHUT_RDWR);
-    return;
+  shutdown(socket, SHUT_WR);
+  pollfd waited[] = {{sockets_.front(), POLLIN, 0}, {socket, POLLIN, 0}};
+  while (!mustEnd()) {
+    poll(waited, std::size(waited), kStepMs);
+    if (waited[0].revents != 0) return;
+    char ignored[512];
+    if (waited[1].revents != 0 && recv(socket, ignored, sizeof ignored, MSG_DONTWAIT) <= 0)
+      waited[1].fd = -1;
   }
+  cut();
 }
 
 // libcurl waits for a few replies by itself, calling this once a second.
@@ -142,10 +164,9 @@ bool Transfer::mustEnd() {
   return ended_ != CURLE_OK;
 }
 
-// A farewell on a connection that is cut fails at once, so that libcurl does not wait for it.
+// Whatever libcurl still has to say fails at once then, so that it waits for no answer.
 void Transfer::cut() {
-  const curl_socket_t fd = connection();
-  if (fd != CURL_SOCKET_BAD) shutdown(fd, SHUT_RDWR);
+  for (const curl_socket_t socket : sockets_) shutdown(socket, SHUT_RDWR);
 }
 
 std::string Transfer::reason(const char* secret) const {

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 // A libcurl handle with the connection that it keeps between its runs. Belongs to the thread that
 // made it.
@@ -27,8 +28,8 @@ class Transfer {
   Transfer(const Transfer&) = delete;
   Transfer& operator=(const Transfer&) = delete;
 
-  // For curl_easy_setopt(); null when libcurl has no memory. The progress function, the error
-  // buffer and the private pointer are taken.
+  // For curl_easy_setopt(); null when libcurl has no memory. The error buffer and the functions for
+  // progress, opening and closing sockets are taken.
   CURL* easy() const { return easy_; }
 
   // TLS: `verify` false accepts any certificate; `caFile` of authorities, empty: the system's.
@@ -40,12 +41,14 @@ class Transfer {
   // libcurl's own code.
   CURLcode run(long limitMs = 0);
 
-  // Waits, in a callback, until the kept connection has something to read, so that libcurl, which
-  // would wait without looking up, need not. Breaks the connection when it is time to end.
-  void awaitReply();
+  // As run(), to say goodbye: on the connection that is there, within Limits::farewellMs. Without
+  // one it returns CURLE_COULDNT_CONNECT.
+  CURLcode runFarewell();
 
-  // Returns true iff there is a connection for the next run, as far as anybody can know.
-  bool connected() const;
+  // To be called by a function that gives libcurl the data of an upload, when it gives the last:
+  // then the end of the data connection makes this wait for the server's answer. libcurl would wait
+  // for it without ever looking up.
+  void gaveAll() { gaveAll_ = true; }
 
   // Returns why the last run failed: one line without control characters, and without `secret`
   // (empty: there is none) even if the server repeats it.
@@ -53,14 +56,19 @@ class Transfer {
 
  private:
   static int onProgress(void* self, curl_off_t, curl_off_t, curl_off_t, curl_off_t);
+  static curl_socket_t onOpen(void* self, curlsocktype purpose, curl_sockaddr* address);
+  static int onClose(void* self, curl_socket_t socket);
+  void setOptions();
+  CURLcode drive();
+  void endData(curl_socket_t socket);
   bool mustEnd();  // and notes why
   void cut();
-  void forget();
-  curl_socket_t connection() const;
-  CURLcode drive();
 
   CURL* easy_;
   CURLM* multi_;
+  std::vector<curl_socket_t> sockets_;  // that are open
+  bool reconnects_ = true;
+  bool gaveAll_ = false;
   CURLcode result_ = CURLE_OK;
   CURLcode ended_ = CURLE_OK;  // why the run was ended from here
   std::int64_t activeUs_ = 0;  // when the server last gave or took anything
