@@ -149,7 +149,7 @@ class Mail {
   std::vector<std::string> headers_;
   std::string text_;  // quoted-printable; without an attachment the whole mail
   std::string reason_;
-  std::string reply_;  // the server's last line
+  std::string refusal_;  // the first line of what the server says last, when it refuses
 
   List envelope_;
   List headerList_;
@@ -292,15 +292,19 @@ void Mail::explain(CURLcode code) {
   const char* const secret = info_.login != 0 ? info_.password : "";
   reason_ = transfer_.reason(secret);
   if (code == CURLE_ABORTED_BY_CALLBACK || code == CURLE_OPERATION_TIMEDOUT ||
-      code == CURLE_LOGIN_DENIED || reply_.empty() || reply_[0] < kFirstRefusal)
+      code == CURLE_LOGIN_DENIED || refusal_.empty())
     return;
-  if (*secret == '\0' || reply_.find(secret) == reply_.npos)
-    reason_ = "the server refuses: " + reply_;
+  if (*secret == '\0' || refusal_.find(secret) == refusal_.npos)
+    reason_ = "the server refuses: " + refusal_;
 }
 
+// The farewell, which the library sends by itself after a refusal, says nothing about the mail.
 std::size_t Mail::onReply(char* line, std::size_t size, std::size_t count, void* mail) {
   const std::string reply(line, std::min(size * count, kReplyLength));
-  static_cast<Mail*>(mail)->reply_ = shown(reply.substr(0, reply.find_first_of("\r\n")).c_str());
+  std::string& refusal = static_cast<Mail*>(mail)->refusal_;
+  if (reply[0] < kFirstRefusal && reply.compare(0, 3, "221") != 0) refusal.clear();
+  if (reply[0] >= kFirstRefusal && refusal.empty())
+    refusal = shown(reply.substr(0, reply.find_first_of("\r\n")).c_str());
   return size * count;
 }
 
