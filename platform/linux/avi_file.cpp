@@ -186,11 +186,14 @@ void AviFile::start(char type, const char* header, const char* data, std::uint32
 
 // Makes sure that the file can take a picture of `length` and has room for its entry in the index.
 bool AviFile::makeRoom(std::uint32_t length) {
-  const std::uint32_t oldIndex = kChunkHead + kAviOldEntry * (head_.totals.firstFrames + 1);
-  const std::int64_t bytes = size() - riff_ + kChunkHead + length + 1 + (riff_ == 0 ? oldIndex : 0);
+  const bool full = blockUsed_ + static_cast<std::uint32_t>(pending_) >= blockRoom_;
+  std::int64_t bytes = size() - riff_ + kChunkHead + length + 1;
+  if (full) bytes += blockBytes();
+  if (riff_ == 0) bytes += kChunkHead + std::int64_t{kAviOldEntry} * (head_.totals.firstFrames + 1);
   const std::uint32_t limit = riff_ == 0 ? limits_.firstRiff : limits_.laterRiff;
-  if (bytes > limit && riffFrames_ > 0 && !nextRiff()) return false;
-  if (blockUsed_ + static_cast<std::uint32_t>(pending_) < blockRoom_) return true;
+  if (bytes > limit && riffFrames_ > 0)
+    return nextRiff() && nextBlock();  // pictures there belong into a block of their own
+  if (!full) return true;
   return (pending_ == 0 || publish()) && nextBlock();
 }
 
@@ -208,7 +211,7 @@ bool AviFile::nextRiff() {
   }
   riff_ = end_ - kAviNextHead;
   riffFrames_ = 0;
-  blockRoom_ = blockUsed_;  // pictures here belong into a block of their own
+  blockRoom_ = blockUsed_;  // until there is a block for them
   return true;
 }
 
@@ -222,17 +225,21 @@ bool AviFile::nextBlock() {
     blockRoom_ = std::numeric_limits<std::uint32_t>::max();
     return true;
   }
-  const std::uint32_t room = aviBlockRoom(head_.blocks, limits_.firstBlock);
-  const std::uint32_t bytes = kAviBlockHead + room * kAviBlockEntry;
+  const std::uint32_t bytes = blockBytes();
   const std::int64_t at = size();
   if (!reserve(bytes)) return false;
   indexed_ = true;
   base_ = at;
-  blockRoom_ = room;
   AviBlock& block = head_.block[head_.blocks++];
   block.at = static_cast<std::uint64_t>(at);
   block.bytes = bytes;
+  blockRoom_ = block.room();
   return true;
+}
+
+// Of the next block.
+std::uint32_t AviFile::blockBytes() const {
+  return kAviBlockHead + aviBlockRoom(head_.blocks, limits_.firstBlock) * kAviBlockEntry;
 }
 
 // Writes zeros, so that filling in the entries later needs no more room.

@@ -53,6 +53,7 @@ class AviFile {
   bool makeRoom(std::uint32_t length);
   bool nextRiff();
   bool nextBlock();
+  std::uint32_t blockBytes() const;
   bool reserve(std::uint32_t bytes);
 
   bool flush();
