@@ -79,7 +79,8 @@ bool AviFile::begin(char type, const char* header, const char* data, std::uint32
   // that when it is written.
   const std::uint32_t ahead = frames_ == 0 && head_.stream.hasHeader ? kMpg430HeaderBytes : 0;
   const std::uint32_t headBytes = kChunkHead + ahead;
-  if (kBuffer - used_ < headBytes + std::min(length, kDirect) + 1 && !flush()) return false;
+  const std::uint32_t copied = headBytes + (length < kDirect ? length + 1 : 0);
+  if (kBuffer - used_ < copied && !flush()) return false;
   if (frames_ == 0) firstUs_ = now;
   inPicture_ = true;
   padIncluded_ = false;

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 #include <limits>
+#include <utility>
 
 #include "platform/linux/file_io.h"
 
@@ -15,7 +16,8 @@ constexpr std::int64_t kLongestRiff = 0xffff0000;  // a size is a word, and so i
 // What the writer can leave behind is shorter by far. Not to look on keeps a file that is something
 // else by now from being cut.
 constexpr std::int64_t kLongestDamage = std::int64_t{1} << 29;
-constexpr std::uint32_t kUsualRate = 25000;
+constexpr std::uint32_t kRateScale = 1000;
+constexpr std::uint32_t kUsualRate = 25 * kRateScale;
 constexpr char kSkipped[] = "JUNK";
 
 std::int64_t chunkEnd(std::int64_t at, std::uint32_t length) {
@@ -37,8 +39,8 @@ void AviSurvey::begin(Pass pass) {
   head_.stream = told_.stream;
   head_.totals.scale = told_.totals.scale;
   head_.totals.rate = told_.totals.rate;
-  if (head_.totals.scale == 0 || head_.totals.rate == 0) {
-    head_.totals.scale = 1000;
+  if (head_.totals.scale != kRateScale || head_.totals.rate == 0) {
+    head_.totals.scale = kRateScale;
     head_.totals.rate = kUsualRate;
   }
   if (told_.totals.longest <= kLongestPicture) head_.totals.longest = told_.totals.longest;
@@ -57,15 +59,19 @@ bool AviSurvey::run(Pass pass) {
   return judgeOldIndex();
 }
 
-// Decides about the other index where it can't be moved.
+// Decides about the other index where it can't be moved: one that doesn't fit what is there becomes
+// a chunk that is skipped.
 bool AviSurvey::judgeOldIndex() {
-  if (riff_ == 0) return true;
+  if (riff_ == 0 || oldIndexAt_ == 0) return true;
   const AviOldIndex index(fd_, head_);
-  if (oldIndexAt_ > 0 && index.possible() && index.bytes() == oldIndexBytes_)
+  if (index.possible() && index.bytes() == oldIndexBytes_) {
     head_.totals.flags = kAviHasIndex;
-  else
-    oldIndexAt_ = 0;
-  return true;
+    return true;
+  }
+  char head[kChunkHead];
+  AviOutput(head).chunk(kSkipped, static_cast<std::uint32_t>(oldIndexBytes_) - kChunkHead);
+  head_.moviBytes = head_.riffBytes - kAviMovi;
+  return fix(std::exchange(oldIndexAt_, 0), head, sizeof head);
 }
 
 void AviSurvey::addOldIndex(std::int64_t bytes) {
