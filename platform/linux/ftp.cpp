@@ -15,8 +15,6 @@ namespace {
 
 constexpr int kPlain = 0;
 constexpr int kTls = 1;
-// Least and most, CURL_SSLVERSION_MAX_TLSv1_2, which is outside of its own type.
-constexpr long kTls12Alone = CURL_SSLVERSION_TLSv1_2 | CURL_SSLVERSION_TLSv1_2 << 16;
 constexpr long kServiceClosing = 421;  // the reply that ends a session
 
 struct CurlText {
@@ -81,6 +79,7 @@ class Session {
 
  private:
   bool setTls();
+  bool useActive(int option);
   CURLcode send();
   bool sessionWasOver(CURLcode result) const;
   int fail(const std::string& reason) const;
@@ -97,6 +96,8 @@ class Session {
   const char* data_ = nullptr;  // the upload, not owned
   std::size_t length_ = 0;
   std::size_t sent_ = 0;
+  bool secure_ = false;
+  bool told_ = false;
   Transfer transfer_;  // goes first: libcurl calls back until then
 };
 
@@ -111,13 +112,10 @@ bool Session::setTls() {
   if (!settings.tls(&tls)) return false;
   // Intended: what is neither counts as TLS, since it was not a plain session that was asked for.
   if (settings.number("Security", kPlain, kPlain, kTls, kTls) == kPlain) return true;
+  secure_ = true;
   set(CURLOPT_USE_SSL, static_cast<long>(CURLUSESSL_ALL));  // the data too
   set(CURLOPT_FTPSSLAUTH, static_cast<long>(CURLFTPAUTH_TLS));
   transfer_.setTls(tls.verify, tls.caFile);
-  // Data connections that the server opens are closed by libcurl alone. With TLS 1.3 the server
-  // still sends tickets then, which would break them (see Transfer::endData).
-  if (settings.number("Active", kFtpPassive, kFtpPassive, kFtpActive) == kFtpActive)
-    set(CURLOPT_SSLVERSION, kTls12Alone);
   return true;
 }
 
@@ -149,10 +147,19 @@ int Session::transfer(const char* name, const char* data, long length, int optio
   set(CURLOPT_NOBODY, 0L);
   set(CURLOPT_UPLOAD, 1L);
   set(CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(length));
-  set(CURLOPT_FTPPORT, option == kFtpActive ? "-" : nullptr);
+  set(CURLOPT_FTPPORT, useActive(option) ? "-" : nullptr);
   CURLcode result = send();
   if (sessionWasOver(result)) result = send();
   return result == CURLE_OK ? 0 : fail(transfer_.reason(password_.c_str()));
+}
+
+// Some versions of libcurl, 7.88 for one, send data in the clear when the server opened the
+// connection, whatever they were told. Not with us.
+bool Session::useActive(int option) {
+  if (option != kFtpActive || !secure_) return option == kFtpActive;
+  if (!told_) fail("with TLS the data connections are passive");
+  told_ = true;
+  return false;
 }
 
 CURLcode Session::send() {
