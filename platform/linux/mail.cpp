@@ -18,13 +18,13 @@
 #include "platform/linux/delivery_settings.h"
 #include "platform/linux/mail_address.h"
 #include "platform/linux/mail_text.h"
+#include "platform/linux/printable.h"
 #include "platform/linux/transfer.h"
 #include "platform/log.h"
 
 namespace {
 
 constexpr int kLastPort = 65535;
-constexpr long kFarewellMs = 2000;
 constexpr char kFirstRefusal = '4';  // of the digits that a server's answer may begin with
 constexpr std::size_t kReplyLength = 200;
 
@@ -89,13 +89,6 @@ class List {
  private:
   curl_slist* list_ = nullptr;
 };
-
-std::string shown(const char* text) {
-  std::string line = text;
-  for (char& c : line)
-    if (static_cast<unsigned char>(c) < ' ' || c == 0x7f) c = '?';
-  return line;
-}
 
 // What makes this mail one of its own.
 std::string makeId() {
@@ -164,11 +157,11 @@ bool Mail::check() {
   if (!isMadeOf(info_.server, "-._:")) return fail("no name or address of a server");
   if (info_.port < 1 || info_.port > kLastPort)
     return fail("no port: " + std::to_string(info_.port));
-  if (!isMailAddress(info_.sender)) return fail("sender is no address: " + shown(info_.sender));
+  if (!isMailAddress(info_.sender)) return fail("sender is no address: " + printable(info_.sender));
   if (!parseMailAddresses(info_.receiver, &receivers_, &reason_)) return false;
   if (info_.login != 0 && info_.user[0] == '\0') return fail("a login without a user");
   if (info_.login != 0 && info_.method[0] != '\0' && !isMadeOf(info_.method, "-_"))
-    return fail("no method of a login: " + shown(info_.method));
+    return fail("no method of a login: " + printable(info_.method));
   if (!DeliverySettings("Mail").tls(&tls_)) return fail("the settings can't be used");
   return true;
 }
@@ -275,16 +268,12 @@ bool Mail::send() {
 // The mail has been taken: whatever comes of this, and whatever the server says to it, is no
 // matter.
 void Mail::sayGoodbye() {
-  const curl_opensocket_callback noOther = [](void*, curlsocktype, curl_sockaddr*) {
-    return CURL_SOCKET_BAD;
-  };
-  set(CURLOPT_OPENSOCKETFUNCTION, noOther);
   set(CURLOPT_MAIL_RCPT, nullptr);
   set(CURLOPT_MIMEPOST, nullptr);
   set(CURLOPT_UPLOAD, 0L);
   set(CURLOPT_NOBODY, 1L);
   set(CURLOPT_CUSTOMREQUEST, "QUIT");
-  transfer_.run(kFarewellMs);
+  transfer_.runFarewell();
 }
 
 // What the server says is the best reason there is. But not of a login: it may repeat what it got.
@@ -304,7 +293,7 @@ std::size_t Mail::onReply(char* line, std::size_t size, std::size_t count, void*
   std::string& refusal = static_cast<Mail*>(mail)->refusal_;
   if (reply[0] < kFirstRefusal && reply.compare(0, 3, "221") != 0) refusal.clear();
   if (reply[0] >= kFirstRefusal && refusal.empty())
-    refusal = shown(reply.substr(0, reply.find_first_of("\r\n")).c_str());
+    refusal = printable(reply.substr(0, reply.find_first_of("\r\n")));
   return size * count;
 }
 
@@ -313,6 +302,6 @@ std::size_t Mail::onReply(char* line, std::size_t size, std::size_t count, void*
 int send_mail(const TMailInfo* info) {
   Mail mail(*info);
   if (mail.check() && mail.send()) return 0;
-  logEx(2, "mail: %s: %s", shown(info->server).c_str(), mail.reason().c_str());
+  logEx(2, "mail: %s: %s", printable(info->server).c_str(), mail.reason().c_str());
   return -1;
 }
