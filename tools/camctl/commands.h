@@ -1,5 +1,5 @@
 // The commands of camctl. Each returns the exit code of the process, having said on standard error
-// what went wrong; main() has made sure before that a camera runs.
+// what went wrong; main() has made sure before that a camera runs, except for runRepair().
 #pragma once
 
 #include <string>
@@ -28,6 +28,10 @@ int runReload();
 // Stores the next picture, of an MPEG-4 stream the next key picture as an AVI file; an existing
 // file is replaced as a whole.
 int runGrab(const std::string& file);
+
+// Brings a recording, or all "*.avi" in a folder and those below, to the state of closed ones, and
+// prints a line for each.
+int runRepair(const std::string& path);
 
 enum class DumpFormat {
   kAny,    // one of the following two, as the first frame is

@@ -26,6 +26,7 @@ constexpr char kExamples[] = R"(Examples:
   camctl trigger web1                fire the first web event
   camctl grab now.jpg                store the next picture
   camctl dump | ffplay -             look at the stream
+  camctl repair /smb/camera          recordings that a power cut has left behind
 
 Exit status: 0 done; 1 failed; 2 wrong command line; 3 no camera runs; 4 the camera delivers no
 picture.
@@ -43,6 +44,7 @@ struct Options {
   std::string state;  // "on" or "off"
   std::string file;
   std::string format;
+  std::string path;
 };
 
 using Command = std::function<int()>;
@@ -174,6 +176,11 @@ int run(int argc, char** argv) {
   addReading(app, options, command);
   addSettings(app, options, command);
   addSignals(app, options, command);
+  CLI::App* repair = app.add_subcommand(
+      "repair", "make recordings whole that were cut off; needs no running camera");
+  repair->add_option("PATH", options.path, "a file, or a folder with all below it")
+      ->required()
+      ->type_name("");
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -182,6 +189,7 @@ int run(int argc, char** argv) {
     return kExitUsage;
   }
 
+  if (repair->parsed()) return runRepair(options.path);
   std::string root;
   int pid = 0;
   int result = kExitOk;
