@@ -7,6 +7,7 @@
 #include <cstdio>
 
 #include "platform/ini_file.h"
+#include "platform/log.h"
 
 namespace {
 
@@ -30,6 +31,8 @@ class TSection {
     std::snprintf(name_, sizeof name_, "%d", number);
   }
 
+  const char* file() const { return file_; }
+
   int number(const char* key, int fallback) const { return getIniInt(file_, name_, key, fallback); }
 
   // A switch is on only when its value is exactly 1.
@@ -37,6 +40,14 @@ class TSection {
 
   void text(const char* key, char (&buffer)[TEventConfig::kTextSize], const char* fallback) const {
     getIniStr(file_, name_, key, buffer, TEventConfig::kTextSize, fallback);
+  }
+
+  // As text(), for what would be something else when it is cut. Returns false when it does not fit.
+  bool wholeText(const char* key, char (&buffer)[TEventConfig::kTextSize]) const {
+    char value[TEventConfig::kTextSize + 1];
+    const int length = getIniStr(file_, name_, key, value, sizeof value, "");
+    std::snprintf(buffer, sizeof buffer, "%.*s", TEventConfig::kTextSize - 1, value);
+    return length < TEventConfig::kTextSize;
   }
 
  private:
@@ -64,8 +75,13 @@ void readLocalActions(const TSection& section, TEventConfig* config) {
 
 void readDeliveries(const TSection& section, TEventConfig* config) {
   config->mail = section.isOn("Mail");
+  if (config->mail && !section.wholeText("Receiver", config->receiver)) {
+    // Part of an address, or of a list of them, would be somebody else.
+    logEx(2, "%s: [%d] Receiver is longer than %d characters, no mail", section.file(),
+          config->number, TEventConfig::kTextSize - 1);
+    config->mail = false;
+  }
   if (config->mail) {
-    section.text("Receiver", config->receiver, "");
     section.text("Subject", config->subject, "");
   }
   config->usb = section.isOn("Usb");

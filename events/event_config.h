@@ -39,4 +39,5 @@ struct TEventConfig {
 // Reads section `number` of the events file `file`.
 // Returns true iff the section holds a live event: it is not erased, at least one of its schedules
 // is not "never", and its source is known. Otherwise `*config` is not to be used.
+// Logs 2 "%s: [%d] Receiver is longer than %d characters, no mail"; the event does the rest.
 bool readEventConfig(const char* file, int number, TEventConfig* config);

@@ -16,6 +16,8 @@
 #include "platform/ini_file.h"
 #include "platform/log.h"
 #include "platform/os.h"
+#include "record/ftp_recorder.h"
+#include "record/mail_recorder.h"
 #include "record/smb_recorder.h"
 #include "record/usb_recorder.h"
 #include "schedule/scheduler.h"
@@ -29,16 +31,21 @@ constexpr int kDefaultMax = 10;
 // What has been started gets this long to settle before the access mode is published.
 constexpr unsigned kSettleS = 2;
 
-void leaveOut(const TEventConfig& config, const char* action) {
-  logEx(3, "%s: [%d] no action \"%s\" in this version, left out", TEventManager::inf, config.number,
-        action);
-}
-
 // Never frees the object: a body that does not end may still work on it.
 template <typename T>
 void leave(std::unique_ptr<T>& object) {
   static_cast<void>(object.release());
   TEventManager::leftBehind = true;
+}
+
+// Calls `action` with each mail recorder of the event.
+template <typename Action>
+void forEachMail(const TEvent& event, Action action) {
+  for (const auto& handler : event.handlers) {
+    if (TMailRecorder* const mail = handler->mail()) {
+      action(*mail);
+    }
+  }
 }
 
 bool refersTo(const TEvent& event, const TRecorder* recorder) {
@@ -122,7 +129,8 @@ void TEventManager::attachHandlers(const TEventConfig& config, TEvent& event) {
 
 void TEventManager::attachRecorders(const TEventConfig& config, TEvent& event) {
   if (config.mail) {
-    leaveOut(config, "Mail");
+    auto mail = std::make_unique<TMailRecorder>(camera_, config.receiver, config.subject);
+    event.handlers.push_back(std::make_unique<THandler>(mail.release(), 0));
   }
   if (config.usb) {
     std::unique_ptr<TRecorder>& usb = recorders_[kUsbRecorder];
@@ -133,12 +141,20 @@ void TEventManager::attachRecorders(const TEventConfig& config, TEvent& event) {
     event.handlers.push_back(std::make_unique<THandler>(usb.get(), 0));
   }
   if (config.ftp) {
-    leaveOut(config, "Ftp");
+    std::unique_ptr<TRecorder>& ftp = recorders_[kFtpRecorder];
+    if (ftp == nullptr) {
+      ftp = std::make_unique<TFtpRecorder>(camera_);
+    }
+    event.handlers.push_back(std::make_unique<THandler>(ftp.get(), config.ftpDuration));
   }
   // A share that is not wanted or can't be mounted costs the event its recording, silently: the
   // housekeeping asks for the next refresh until the share is there.
   if (config.smb && getIniInt(kSystemFile, "Samba", "Enable", 0) != 0 && TSmbRecorder::mount()) {
-    leaveOut(config, "Smb");
+    std::unique_ptr<TRecorder>& smb = recorders_[kSmbRecorder];
+    if (smb == nullptr) {
+      smb = std::make_unique<TSmbRecorder>("");
+    }
+    event.handlers.push_back(std::make_unique<THandler>(smb.get(), config.smbDuration));
   }
 }
 
@@ -148,6 +164,9 @@ void TEventManager::clean() {
     (*event)->onStopped();
   }
   // Asked now, so that they end beside the events; what an event starts meanwhile is ended below.
+  for (const auto& event : events_) {
+    forEachMail(*event, [](TMailRecorder& mail) { mail.stop(false); });
+  }
   for (auto& recorder : recorders_) {
     if (recorder != nullptr) {
       recorder->stop(false);
@@ -157,11 +176,15 @@ void TEventManager::clean() {
   std::array<bool, kRecorderSlots> inUse{};  // by an event that is left behind
   for (; !events_.empty(); events_.pop_back()) {
     TEvent& event = *events_.back();
-    if (!deadline.end(event)) {
-      event.leaveBehind();
+    bool ended = deadline.end(event);
+    if (!ended) {
       for (std::size_t slot = 0; slot < kRecorderSlots; ++slot) {
         inUse[slot] = inUse[slot] || refersTo(event, recorders_[slot].get());
       }
+    }
+    forEachMail(event, [&](TMailRecorder& mail) { ended = deadline.end(mail) && ended; });
+    if (!ended) {
+      event.leaveBehind();
       leave(events_.back());
     }
   }

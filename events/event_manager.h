@@ -34,12 +34,11 @@ class TEventManager {
 
   // Ends everything that the last refresh built and builds it anew from the events file. A running
   // recording is stopped, an output that is on is switched off. Takes a pause of 2 s.
-  // An action that this version can't carry out is left out of its event and
-  // logs 3 "%s: [%d] no action \"%s\" in this version, left out".
   void refresh();
 
-  // Ends and deletes all events, then all recorders, and unmounts the share. A body that does not
-  // end within 5 s (for all together) is left behind with its object and the recorders it uses.
+  // Ends and deletes all events with what is their own, then the shared recorders, and unmounts the
+  // share. A body that does not end within 5 s (for all together) is left behind with its object
+  // and the recorders it uses, an event also with its mail recorders and for theirs.
   // Logs 2 "umount(smb) fail".
   void clean();
 

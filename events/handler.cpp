@@ -2,9 +2,10 @@
 
 #include "events/log_ids.h"
 #include "platform/camera_io.h"
-#include "record/recorder.h"
+#include "record/mail_recorder.h"
 
-THandler::THandler(TRecorder* recorder, long duration) : recorder_(recorder), duration_(duration) {}
+THandler::THandler(TRecorder* recorder, long duration)
+    : recorder_(recorder), mail_(dynamic_cast<TMailRecorder*>(recorder)), duration_(duration) {}
 
 THandler::~THandler() = default;
 

@@ -1,6 +1,9 @@
 // What an event does when it fires: the base of all actions, and the one that records.
 #pragma once
 
+#include <memory>
+
+class TMailRecorder;
 class TRecorder;
 
 // An action of one event. The base starts a recorder; derived kinds do something else instead.
@@ -9,11 +12,12 @@ class TRecorder;
 // and onStopped() on the scheduler's or the manager's.
 class THandler {
  public:
-  // `recorder`: null for a kind that drives none; not owned, must outlive the handler.
-  // `duration`: seconds.
+  // `recorder`: null for a kind that drives none. A TMailRecorder is this handler's own; any other
+  // is not owned and must outlive the handler. `duration`: seconds.
   THandler(TRecorder* recorder, long duration);
   THandler(const THandler&) = delete;
   THandler& operator=(const THandler&) = delete;
+  // Deletes the mail recorder, whose body must have ended.
   virtual ~THandler();
 
   // Carries the action out, unless the camera's privacy mode is on; then that is logged, see
@@ -27,9 +31,12 @@ class THandler {
   virtual void onStopped();
 
   TRecorder* recorder() const { return recorder_; }
+  // The recorder when it is this handler's own, otherwise null.
+  TMailRecorder* mail() const { return mail_.get(); }
   long duration() const { return duration_; }
 
  private:
-  TRecorder* const recorder_;  // not owned
+  TRecorder* const recorder_;                  // not owned, but for the next line
+  const std::unique_ptr<TMailRecorder> mail_;  // the same recorder, if it mails
   const long duration_;
 };

@@ -3,6 +3,7 @@
 #include "events/buzzer_handler.h"
 #include "events/out_handler.h"
 #include "platform/event_log.h"
+#include "record/ftp_recorder.h"
 #include "record/usb_recorder.h"
 
 namespace {
@@ -16,6 +17,12 @@ int idOf(const TActionLogIds& ids, const THandler& handler) {
   }
   if (dynamic_cast<const TUsbRecorder*>(handler.recorder()) != nullptr) {
     return ids.usb;
+  }
+  if (dynamic_cast<const TFtpRecorder*>(handler.recorder()) != nullptr) {
+    return ids.ftp;
+  }
+  if (handler.mail() != nullptr) {
+    return ids.mail;
   }
   return 0;
 }

@@ -134,6 +134,25 @@ TEST_F(EventConfig, TextsAreCutTo63Characters) {
   EXPECT_EQ(exact, config.usbFolder);
 }
 
+// Cut, it could be somebody else's address.
+TEST_F(EventConfig, ReceiverThatIsTooLongGetsNoMail) {
+  const std::string exact = std::string(51, 'x') + "@example.net";
+  set("Mail", "1");
+  set("Receiver", exact.c_str());
+  ASSERT_TRUE(read());
+  EXPECT_TRUE(config.mail);
+  EXPECT_EQ(exact, config.receiver);
+  EXPECT_EQ(0, fake.count("log "));
+  for (const std::string& longer : {exact + "x", std::string(150, 'x')}) {
+    fake.clearCalls();
+    set("Receiver", longer.c_str());
+    ASSERT_TRUE(read());
+    EXPECT_FALSE(config.mail);
+    EXPECT_EQ(1,
+              fake.logged("/etc/events.conf: [12] Receiver is longer than 63 characters, no mail"));
+  }
+}
+
 TEST_F(EventConfig, NothingOfTheSectionReadBeforeIsLeft) {
   set("Usb", "1");
   set("UsbFolder", "cam");

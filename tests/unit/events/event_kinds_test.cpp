@@ -10,6 +10,9 @@
 #include "events/motion_event.h"
 #include "events/out_handler.h"
 #include "events/schedule_event.h"
+#include "record/ftp_recorder.h"
+#include "record/mail_recorder.h"
+#include "record/smb_recorder.h"
 #include "record/usb_recorder.h"
 #include "tests/unit/events/event_fixture.h"
 
@@ -31,6 +34,8 @@ class MovingCamera : public TCamera {
 
 class EventKinds : public EventFixture {
  protected:
+  EventKinds() { fake.clearCalls(); }
+
   // One handler of each kind that can be logged, and those that can't.
   void attachAll(TEvent& event) {
     event.handlers.push_back(std::make_unique<TOutHandler>(0, 1));
@@ -38,6 +43,9 @@ class EventKinds : public EventFixture {
     event.handlers.push_back(std::make_unique<TBuzzerHandler>(0));
     event.handlers.push_back(std::make_unique<TAccessHandler>());
     event.handlers.push_back(std::make_unique<THandler>(&usb, 0));
+    event.handlers.push_back(std::make_unique<THandler>(&ftp, 0));
+    event.handlers.push_back(std::make_unique<THandler>(new TMailRecorder(nullptr, "", ""), 0));
+    event.handlers.push_back(std::make_unique<THandler>(&smb, 0));
     event.handlers.push_back(std::make_unique<THandler>(nullptr, 0));
   }
 
@@ -48,6 +56,8 @@ class EventKinds : public EventFixture {
   }
 
   TUsbRecorder usb{nullptr, "/usb", "", nullptr};
+  TFtpRecorder ftp{nullptr};
+  TSmbRecorder smb{""};
   std::vector<std::string> told;
 };
 
@@ -129,8 +139,8 @@ TEST_F(EventKinds, InputEventLogsWhatItsHandlersDid) {
   TInputEvent event("office", "", 100);
   attachAll(event);
   event.onHandle();
-  EXPECT_THAT(logged(),
-              ElementsAre("log_event(523)", "log_event(523)", "log_event(519)", "log_event(513)"));
+  EXPECT_THAT(logged(), ElementsAre("log_event(523)", "log_event(523)", "log_event(519)",
+                                    "log_event(513)", "log_event(508)", "log_event(503)"));
 }
 
 TEST_F(EventKinds, InputEventPausesTwoSecondsAfterFiring) {
@@ -151,8 +161,8 @@ TEST_F(EventKinds, ActionsThatPrivacySuppressedAreLoggedAsSuppressedOnly) {
   attachAll(event);
   fake.privacy = 1;
   event.onHandle();
-  EXPECT_THAT(logged(),
-              ElementsAre("log_event(526)", "log_event(526)", "log_event(522)", "log_event(516)"));
+  EXPECT_THAT(logged(), ElementsAre("log_event(526)", "log_event(526)", "log_event(522)",
+                                    "log_event(516)", "log_event(511)", "log_event(506)"));
 }
 
 // --- Interval
@@ -219,8 +229,9 @@ TEST_F(EventKinds, IntervalEventLogsWhatItsHandlersDid) {
   TIntervalEvent event("office", "", kHourMs);
   attachAll(event);
   event.onStarted();
-  EXPECT_THAT(logged(), ElementsAre("log_event(502)", "log_event(524)", "log_event(524)",
-                                    "log_event(521)", "log_event(514)"));
+  EXPECT_THAT(logged(),
+              ElementsAre("log_event(502)", "log_event(524)", "log_event(524)", "log_event(521)",
+                          "log_event(514)", "log_event(509)", "log_event(504)"));
 }
 
 TEST_F(EventKinds, FirstIntervalEventBoundToAlwaysFiresAtTheRefreshAndAtTheFirstPass) {
@@ -333,7 +344,26 @@ TEST_F(EventKinds, WebEventLogsWhatItsHandlersDidButNoUsbRecording) {
   attachAll(event);
   event.onHandle();
   EXPECT_TRUE(fake.started(usb));
-  EXPECT_THAT(logged(), ElementsAre("log_event(525)", "log_event(525)", "log_event(520)"));
+  EXPECT_THAT(logged(), ElementsAre("log_event(525)", "log_event(525)", "log_event(520)",
+                                    "log_event(510)", "log_event(505)"));
+}
+
+TEST_F(EventKinds, RecordingToTheShareIsStartedByAllKindsAndLoggedByNone) {
+  TInputEvent input("office", "", 100);
+  TIntervalEvent interval("office", "", kHourMs);
+  TCgiEvent web("office", "", 2000, 25);
+  for (TEvent* event : {static_cast<TEvent*>(&input), static_cast<TEvent*>(&interval),
+                        static_cast<TEvent*>(&web)}) {
+    event->handlers.push_back(std::make_unique<THandler>(&smb, 5));
+    fake.privacy = 0;
+    event->onHandle();
+    EXPECT_TRUE(fake.started(smb));
+    smb.stop(false);
+    fake.privacy = 1;
+    event->onHandle();
+    EXPECT_FALSE(fake.started(smb));
+  }
+  EXPECT_THAT(logged(), IsEmpty());
 }
 
 TEST_F(EventKinds, WebEventPausesTwoSecondsAfterFiring) {

@@ -1,8 +1,6 @@
 // The event manager: building from the events file, rebuilding, ending.
 #include "events/event_manager.h"
 
-#include <memory>
-
 #include "core/status_slots.h"
 #include "events/buzzer_handler.h"
 #include "events/cgi_event.h"
@@ -12,44 +10,18 @@
 #include "events/out_handler.h"
 #include "events/schedule_event.h"
 #include "platform/application.h"
+#include "record/ftp_recorder.h"
+#include "record/mail_recorder.h"
+#include "record/smb_recorder.h"
 #include "record/usb_recorder.h"
-#include "tests/unit/events/event_fixture.h"
+#include "tests/unit/events/manager_fixture.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
 
 namespace {
 
-const char* const kEvents = TEventManager::inf;
-
-class Manager : public EventFixture {
- protected:
-  // Adds a live section with an event of `source` that sounds the buzzer.
-  void section(const char* number, const char* source, const char* schedule = "office") {
-    set(number, "Erased", "0");
-    set(number, "Schedule", schedule);
-    set(number, "Source", source);
-    set(number, "Buzzer", "1");
-  }
-  void set(const char* number, const char* key, const char* value) {
-    fake.ini.set(kEvents, number, key, value);
-  }
-  void build() { manager = std::make_unique<TEventManager>(nullptr); }
-
-  // The USB recorder that the manager's events share; null for none.
-  TRecorder* usb() const {
-    for (const auto& event : manager->events()) {
-      for (const auto& handler : event->handlers) {
-        if (handler->recorder() != nullptr) {
-          return handler->recorder();
-        }
-      }
-    }
-    return nullptr;
-  }
-
-  std::unique_ptr<TEventManager> manager;
-};
+class Manager : public ManagerFixture {};
 
 TEST_F(Manager, MissingEventsFileGivesNoEvent) {
   build();
@@ -165,15 +137,16 @@ TEST_F(Manager, OneScheduleOfTwoIsEnough) {
 
 TEST_F(Manager, HandlersAreAttachedInTheirOrder) {
   section("1", "3");
-  for (const char* key : {"Usb", "Access", "Out2", "Out1"}) {
+  for (const char* key : {"Smb", "Ftp", "Usb", "Mail", "Access", "Out2", "Out1"}) {
     set("1", key, "1");
   }
+  allowShare();
   set("1", "Out1Duration", "5");
   set("1", "BuzzerTone", "4");
   build();
   ASSERT_EQ(1U, manager->events().size());
   const auto& handlers = manager->events()[0]->handlers;
-  ASSERT_EQ(5U, handlers.size());
+  ASSERT_EQ(8U, handlers.size());
   auto* first = dynamic_cast<TOutHandler*>(handlers[0].get());
   auto* second = dynamic_cast<TOutHandler*>(handlers[1].get());
   auto* buzzer = dynamic_cast<TBuzzerHandler*>(handlers[2].get());
@@ -184,8 +157,15 @@ TEST_F(Manager, HandlersAreAttachedInTheirOrder) {
   EXPECT_EQ(3, second->duration());
   EXPECT_EQ(4, buzzer->tone());
   EXPECT_NE(nullptr, dynamic_cast<TAccessHandler*>(handlers[3].get()));
-  EXPECT_NE(nullptr, dynamic_cast<TUsbRecorder*>(handlers[4]->recorder()));
-  EXPECT_EQ(0, handlers[4]->duration());
+  EXPECT_NE(nullptr, dynamic_cast<TMailRecorder*>(handlers[4]->recorder()));
+  EXPECT_NE(nullptr, dynamic_cast<TUsbRecorder*>(handlers[5]->recorder()));
+  EXPECT_NE(nullptr, dynamic_cast<TFtpRecorder*>(handlers[6]->recorder()));
+  EXPECT_NE(nullptr, dynamic_cast<TSmbRecorder*>(handlers[7]->recorder()));
+  std::vector<long> durations;
+  for (std::size_t i = 4; i < handlers.size(); ++i) {
+    durations.push_back(handlers[i]->duration());
+  }
+  EXPECT_THAT(durations, ElementsAre(0, 0, 0, 3));
 }
 
 TEST_F(Manager, SwitchesCountOnlyWhenTheyAreExactlyOne) {
@@ -233,10 +213,10 @@ TEST_F(Manager, SectionsShareOneUsbRecorderWithTheFolderOfTheHighest) {
   ASSERT_EQ(3U, events.size());
   EXPECT_EQ(1U, events[0]->handlers.size());
   EXPECT_EQ(events[1]->handlers.back()->recorder(), events[2]->handlers.back()->recorder());
-  usb()->start(0);
+  anyRecorder()->start(0);
   fake.at(0.1, [this] { fake.video2.push("\xff\xd8picture"); });
   fake.stopAfter(3);
-  fake.runBody(*usb());
+  fake.runBody(*anyRecorder());
   EXPECT_TRUE(fake.files.exists("/usb/high/20240603/120002.jpg"))
       << testing::PrintToString(fake.files.paths());
 }
@@ -316,8 +296,8 @@ TEST_F(Manager, RefreshStopsARunningRecording) {
   section("1", "3");
   set("1", "Usb", "1");
   build();
-  usb()->start(1000);
-  EXPECT_TRUE(fake.started(*usb()));
+  anyRecorder()->start(1000);
+  EXPECT_TRUE(fake.started(*anyRecorder()));
   fake.clearCalls();
   manager->clean();
   EXPECT_THAT(manager->events(), IsEmpty());
@@ -363,71 +343,6 @@ TEST_F(Manager, EventsAreStoppedFromTheLastToTheFirstBeforeAnyIsDeleted) {
                                         "delete(pthread)", "end(pthread)", "delete(pthread)"));
 }
 
-// --- What this version can't do
-
-TEST_F(Manager, ActionsOfThisVersionAloneAreBuiltAndTheOthersSaidOnceEach) {
-  section("1", "3");
-  section("2", "3");
-  for (const char* key : {"Mail", "Ftp", "Smb"}) {
-    set("2", key, "1");
-  }
-  set("1", "Mail", "1");
-  fake.ini.set("/etc/sys.conf", "Samba", "Enable", "1");
-  fake.smbMounted();
-  build();
-  EXPECT_THAT(
-      fake.callsWith("log "),
-      ElementsAre("log 3 /etc/events.conf: [2] no action \"Mail\" in this version, left out",
-                  "log 3 /etc/events.conf: [2] no action \"Ftp\" in this version, left out",
-                  "log 3 /etc/events.conf: [2] no action \"Smb\" in this version, left out",
-                  "log 3 /etc/events.conf: [1] no action \"Mail\" in this version, left "
-                  "out"));
-  for (const auto& event : manager->events()) {
-    EXPECT_EQ(1U, event->handlers.size());
-  }
-}
-
-TEST_F(Manager, ShareIsMountedOncePerSectionThatRecordsToIt) {
-  section("1", "3");
-  section("2", "3");
-  set("1", "Smb", "1");
-  set("2", "Smb", "1");
-  fake.ini.set("/etc/sys.conf", "Samba", "Enable", "2");
-  fake.onCommand([](const std::string&) { return 1; });  // never gets mounted
-  build();
-  EXPECT_EQ(2, fake.count("system(/etc/init.d/smb.sh start)"));
-  EXPECT_EQ(0, fake.count("log "));  // a share that can't be mounted is no message
-}
-
-TEST_F(Manager, ShareIsNotMountedWhenSambaIsDisabled) {
-  section("1", "3");
-  set("1", "Smb", "1");
-  for (const char* enable : {"0", ""}) {
-    fake.ini.set("/etc/sys.conf", "Samba", *enable != '\0' ? "Enable" : "Other", enable);
-    build();
-    EXPECT_EQ(0, fake.count("system(/etc/init.d/smb.sh start)"));
-    EXPECT_EQ(0, fake.count("log "));
-    manager.reset();
-  }
-}
-
-TEST_F(Manager, ShareIsUnmountedByEveryClean) {
-  fake.smbMounted();
-  build();
-  EXPECT_EQ(1, fake.count("system(/etc/init.d/smb.sh stop)"));
-  manager->refresh();
-  manager.reset();
-  EXPECT_EQ(3, fake.count("system(/etc/init.d/smb.sh stop)"));
-  EXPECT_EQ(0, fake.count("log "));
-}
-
-TEST_F(Manager, ShareThatCantBeUnmountedIsLogged) {
-  fake.smbMounted();
-  fake.onCommand([](const std::string&) { return 256; });
-  build();
-  EXPECT_EQ(1, fake.count("log 2 umount(smb) fail"));
-}
-
 // --- Ends
 
 TEST_F(Manager, StopOfTheProcessCutsTheRefreshShort) {
@@ -460,7 +375,7 @@ TEST_F(Manager, BodiesThatDoNotEndAreLeftBehindWithTheRecordersTheyUse) {
   set("2", "Usb", "1");
   build();
   // Nobody else can reach them later: the test gives back what the daemon may not.
-  const std::unique_ptr<TRecorder> recorder(usb());
+  const std::unique_ptr<TRecorder> recorder(anyRecorder());
   const std::unique_ptr<TEvent> event(manager->events()[1].get());
   scheduler()->stop(false);
   fake.threadStuck("pthread");
@@ -477,7 +392,7 @@ TEST_F(Manager, BodiesThatDoNotEndAreLeftBehindWithTheRecordersTheyUse) {
   fake.ini.set(kEvents, "1", "Schedule", "office");  // whose body is not started
   manager->refresh();
   EXPECT_EQ(2U, manager->events().size());
-  EXPECT_NE(recorder.get(), usb());
+  EXPECT_NE(recorder.get(), anyRecorder());
   manager.reset();
 }
 
@@ -485,7 +400,7 @@ TEST_F(Manager, RecorderThatDoesNotEndIsLeftBehind) {
   section("1", "3", "office");
   set("1", "Usb", "1");
   build();
-  std::unique_ptr<TRecorder> recorder(usb());
+  std::unique_ptr<TRecorder> recorder(anyRecorder());
   recorder->start(0);
   fake.threadStuck("pthread");
   fake.clearCalls();

@@ -11,6 +11,9 @@
 #include "events/motion_event.h"
 #include "events/out_handler.h"
 #include "events/schedule_event.h"
+#include "record/ftp_recorder.h"
+#include "record/mail_recorder.h"
+#include "record/smb_recorder.h"
 #include "record/usb_recorder.h"
 #include "tests/unit/events/event_fixture.h"
 
@@ -38,6 +41,12 @@ class EventsFile : public EventFixture, public testing::WithParamInterface<const
       out << "  access\n";
     } else if (dynamic_cast<const TUsbRecorder*>(handler.recorder()) != nullptr) {
       out << "  record USB, " << handler.duration() << " s\n";
+    } else if (dynamic_cast<const TFtpRecorder*>(handler.recorder()) != nullptr) {
+      out << "  upload, " << handler.duration() << " s\n";
+    } else if (handler.mail() != nullptr) {
+      out << "  mail, " << handler.duration() << " s\n";
+    } else if (dynamic_cast<const TSmbRecorder*>(handler.recorder()) != nullptr) {
+      out << "  record Samba, " << handler.duration() << " s\n";
     } else {
       out << "  unknown\n";
     }

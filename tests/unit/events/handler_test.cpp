@@ -7,6 +7,9 @@
 #include "core/status_slots.h"
 #include "events/buzzer_handler.h"
 #include "events/out_handler.h"
+#include "record/ftp_recorder.h"
+#include "record/mail_recorder.h"
+#include "record/smb_recorder.h"
 #include "record/usb_recorder.h"
 #include "tests/unit/events/event_fixture.h"
 
@@ -37,11 +40,50 @@ TEST_F(Handlers, PrivacySuppressesTheUsbRecordingAndLogs516) {
   EXPECT_THAT(fake.callsWith("log_event("), ElementsAre("log_event(516)"));
 }
 
-TEST_F(Handlers, RecordingHandlerDoesNotDeleteItsRecorder) {
-  TUsbRecorder recorder(nullptr, "/usb", "", nullptr);
+TEST_F(Handlers, PrivacySuppressesTheUploadAndLogs511) {
+  TFtpRecorder recorder(nullptr);
+  THandler handler(&recorder, 0);
+  fake.privacy = 1;
+  EXPECT_FALSE(handler.onTrigger());
+  EXPECT_FALSE(fake.started(recorder));
+  EXPECT_THAT(fake.callsWith("log_event("), ElementsAre("log_event(511)"));
+}
+
+TEST_F(Handlers, PrivacySuppressesTheMailAndLogs506) {
+  THandler handler(new TMailRecorder(nullptr, "", ""), 0);
+  fake.privacy = 1;
+  EXPECT_FALSE(handler.onTrigger());
+  EXPECT_FALSE(fake.started(*handler.mail()));
+  EXPECT_THAT(fake.callsWith("log_event("), ElementsAre("log_event(506)"));
+}
+
+TEST_F(Handlers, PrivacySuppressesTheRecordingToTheShareAndLogsNothing) {
+  TSmbRecorder recorder("");
+  THandler handler(&recorder, 0);
+  fake.privacy = 1;
+  EXPECT_FALSE(handler.onTrigger());
+  EXPECT_FALSE(fake.started(recorder));
+  EXPECT_EQ(0, fake.count("log_event("));
+}
+
+TEST_F(Handlers, HandlerDeletesItsRecorderOnlyWhenThatMails) {
+  TUsbRecorder usb(nullptr, "/usb", "", nullptr);
+  TFtpRecorder ftp(nullptr);
+  TSmbRecorder smb("");
   fake.clearCalls();
-  { THandler handler(&recorder, 0); }
+  for (TRecorder* recorder : {static_cast<TRecorder*>(&usb), static_cast<TRecorder*>(&ftp),
+                              static_cast<TRecorder*>(&smb)}) {
+    THandler handler(recorder, 0);
+    EXPECT_EQ(nullptr, handler.mail());
+  }
   EXPECT_EQ(0, fake.count("delete("));
+  {
+    auto* const mail = new TMailRecorder(nullptr, "", "");
+    THandler handler(mail, 0);
+    EXPECT_EQ(mail, handler.mail());
+    EXPECT_EQ(mail, handler.recorder());
+  }
+  EXPECT_EQ(1, fake.count("delete("));
 }
 
 TEST_F(Handlers, HandlerWithoutRecorderDoesNothingAndSucceeds) {
