@@ -6,13 +6,13 @@
 build_packages=(build-essential cmake ninja-build pkg-config googletest libbenchmark-dev libinih-dev
   libcli11-dev
   libasound2-dev libavcodec-dev libavformat-dev libavdevice-dev libavutil-dev libswscale-dev
-  libcairo2-dev libcurl4-openssl-dev)
+  libcairo2-dev libcurl4-openssl-dev libfuse3-dev libsmbclient-dev)
 # shellcheck disable=SC2034
 board_packages=(bubblewrap fonts-dejavu-core)  # what running a board needs
 
 # shellcheck disable=SC2034
-delivery_packages=(python3 python3-pyftpdlib python3-openssl python3-aiosmtpd openssl samba rclone
-  fuse3)  # servers to deliver to, and what mounts a share
+delivery_packages=(python3 python3-pyftpdlib python3-openssl python3-aiosmtpd openssl samba
+  smbclient fuse3)  # servers to deliver to, and what mounts a share
 
 # missing_packages PACKAGE...: those that are not installed, one a line.
 missing_packages() {

@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -16,6 +15,7 @@
 
 #include "platform/linux/mounts.h"
 #include "platform/os.h"
+#include "tests/platform/storage_mounts.h"
 #include "tests/platform/support.h"
 
 namespace {
@@ -193,39 +193,8 @@ TEST_F(Storage, TheUsedShareCountsAsDfDoes) {
   EXPECT_EQ(get_free_space_percent("/mountinfo"), 100);
 }
 
-// Gets a list of mounts of its own: as the superuser at once, otherwise as one in a user namespace.
-bool ownMounts() {
-  const std::string user = std::to_string(getuid());
-  const std::string group = std::to_string(getgid());
-  if (unshare(CLONE_NEWNS) == 0)
-    return mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
-  if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return false;
-  writeFile("/proc/self/setgroups", "deny");
-  writeFile("/proc/self/uid_map", "0 " + user + " 1");
-  writeFile("/proc/self/gid_map", "0 " + group + " 1");
-  return true;
-}
-
-// Runs `body` where /usb is a file system of 64 KiB in memory. Skips where that is not permitted.
-void onSmallDisk(const TempRoot& root, const std::function<int()>& body) {
-  constexpr int kNotPermitted = 77;
-  const std::string usb = root.path("/usb");
-  Child child([&] {
-    if (!ownMounts() || mount("small", usb.c_str(), "tmpfs", 0, "size=64k") != 0)
-      return kNotPermitted;
-    return body();
-  });
-  const int status = child.wait();
-  if (status == kNotPermitted) GTEST_SKIP() << "no mounts of one's own here";
-  EXPECT_EQ(status, 0) << child.output();
-}
-
-// In the child a failed expectation must show in the exit status.
-int verdict() { return testing::Test::HasFailure() ? 1 : 0; }
-
 TEST_F(Storage, AFullDiskSaysSoAndKeepsWhatItHas) {
-  if (emulated()) GTEST_SKIP() << "no mounts of one's own in an emulation";
-  onSmallDisk(root_, [&] {
+  onSmallDisk(root_, "/usb", [&] {
     int state = 9;
     EXPECT_EQ(get_usb_mount_state(&state), 0);
     EXPECT_EQ(state, 1);
@@ -246,8 +215,7 @@ TEST_F(Storage, AFullDiskSaysSoAndKeepsWhatItHas) {
 }
 
 TEST_F(Storage, AStorageThatIsPulledWhileWritingIsSeenAsNotMounted) {
-  if (emulated()) GTEST_SKIP() << "no mounts of one's own in an emulation";
-  onSmallDisk(root_, [&] {
+  onSmallDisk(root_, "/usb", [&] {
     const int fd = open2("/usb/one", O_WRONLY | O_CREAT);
     EXPECT_EQ(os::write(fd, "x", 1), 1);
     EXPECT_EQ(umount2(root_.path("/usb").c_str(), MNT_DETACH), 0);
@@ -261,8 +229,7 @@ TEST_F(Storage, AStorageThatIsPulledWhileWritingIsSeenAsNotMounted) {
 }
 
 TEST_F(Storage, AReadOnlyStorageOpensNothing) {
-  if (emulated()) GTEST_SKIP() << "no mounts of one's own in an emulation";
-  onSmallDisk(root_, [&] {
+  onSmallDisk(root_, "/usb", [&] {
     const std::string usb = root_.path("/usb");
     EXPECT_EQ(mount(nullptr, usb.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), 0)
         << std::strerror(errno);
