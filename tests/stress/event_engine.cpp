@@ -94,6 +94,9 @@ class EventEngine : public testing::Test {
     fake.setWallClock("2024-06-03 11:00:00");
     fake.keepCalls(false);
     fake.onCall([this](const std::string& call) { note(call); });
+    fake.delivery.keep(false);
+    fake.ini.set("/etc/sys.conf", "Samba", "Enable", "1");
+    fake.smbMounted();
     fake.ini.file("/etc/schedule.conf",
                   "[1]\nErased=0\nName=office\nWeekdays=1111111\nItems=1\n"
                   "Start1=12:00:00\nStop1=20:00:00\n"
@@ -135,6 +138,7 @@ class EventEngine : public testing::Test {
     EXPECT_FALSE(outputIsOn[1]);
     EXPECT_FALSE(aviWriter()->getRef());
     EXPECT_FALSE(jpgWriter()->getRef());
+    EXPECT_EQ(0, fake.delivery.openSessions);
   }
 
   void expectNoThreadLeft() {
@@ -201,7 +205,8 @@ std::string eventsFile(int number) {
             "\nSchedule=" + names[random() % 6] + "\nSchedule2=" + names[random() % 6] +
             "\nOut1=" + dice(2) + "\nOut1Duration=" + dice(4) + "\nOut2=" + dice(2) +
             "\nOut2Duration=" + dice(100) + "\nBuzzer=" + dice(2) + "\nAccess=" + dice(2) +
-            "\nUsb=" + dice(2) + "\nUsbFolder=f" + dice(3) + "\n";
+            "\nUsb=" + dice(2) + "\nUsbFolder=f" + dice(3) + "\nMail=" + dice(2) +
+            "\nFtp=" + dice(2) + "\nFtpDuration=" + dice(3) + "\nSmb=" + dice(2) + "\n";
   }
   return text;
 }
@@ -223,6 +228,8 @@ TEST_F(EventEngine, ThousandRefreshesWhileEverythingIsAtWorkLeaveNothingBehind) 
     EXPECT_GT(pulses, kRefreshes);
     EXPECT_GT(tones[1], kRefreshes);
     EXPECT_GT(recordings, kRefreshes / 10);
+    EXPECT_GT(fake.delivery.uploadCount, kRefreshes / 10);
+    EXPECT_GT(fake.delivery.mailCount, kRefreshes / 10);
   }
   EXPECT_EQ(0, failures);
   expectNothingLeft();
@@ -260,6 +267,40 @@ TEST_F(EventEngine, TenEventsInTheirPausesDoNotHoldARefreshUp) {
   EXPECT_GE(seconds, kOwnPauseS);
   EXPECT_LT(seconds, kOwnPauseS + 1);
   EXPECT_EQ(0, failures);
+}
+
+TEST_F(EventEngine, RefreshInTheMiddleOfAnUploadAndOfAMailEndsThemAtOnce) {
+  constexpr int kRounds = 10;
+  fake.ini.file(TEventManager::inf,
+                "[1]\nErased=0\nSchedule=always\nSource=3\nInterval=1\nMail=1\nFtp=1\n"
+                "[2]\nErased=0\nSchedule=always\nSource=0\nMail=1\nFtp=1\nFtpDuration=1000\n");
+  fake.clock.followRealTime(1);
+  camera.motion[0] = 1;
+  const char* const steps[] = {"ftpOpenSession", "ftpTransfer"};
+  for (int round = 0; round < kRounds; ++round) {
+    for (const char* step : steps) {
+      fake.delivery.answers(step);
+    }
+    fake.delivery.hangs(steps[round % 2]);
+    fake.delivery.hangs("send_mail");
+    TApplication::stopped = true;  // spares the test the pause
+    TEventManager manager(&camera);
+    TApplication::stopped = false;
+    // The upload and the mails of both events.
+    ASSERT_TRUE(waitFor([this] {
+      fake.video.push("\xff\xd8picture");
+      fake.video2.push("\xff\xd8picture");
+      return fake.delivery.hanging == 3;
+    })) << round;
+    const auto before = Clock::now();
+    manager.clean();
+    EXPECT_LT(Clock::now() - before, milliseconds(1000)) << round;
+    EXPECT_EQ(0, fake.delivery.hanging);
+    expectNothingLeft();
+  }
+  EXPECT_EQ(0, failures);
+  EXPECT_FALSE(TEventManager::leftBehind);
+  expectNoThreadLeft();
 }
 
 TEST_F(EventEngine, StopOfTheProcessEndsEverythingAtOnce) {
