@@ -34,6 +34,7 @@ test_run_takes_a_number_of_seconds_alone() {
 }
 
 test_run_as_an_ordinary_user() {
+  once_is_enough
   [ "$(id -u)" -eq 0 ] || skip "this whole test runs as an ordinary user"
   local user
   user=$(awk -F: '$3 >= 1000 && $3 < 60000 {print $1; exit}' /etc/passwd)
@@ -59,6 +60,7 @@ test_run_as_an_ordinary_user() {
 }
 
 test_run_shows_another_picture() {
+  once_is_enough
   { cat "$picture" && head -c 300000 /dev/zero; } >"$work/large.jpg"
   timeout 100 "$root/scripts/run" --build "$build" --board "$work/run" --picture "$work/large.jpg" \
     --for $run_seconds >"$work/shown"
@@ -158,6 +160,7 @@ test_memory_of_lost_boards_is_given_back_but_not_that_of_containers() {
 }
 
 test_scripts_are_sound() {
+  once_is_enough
   command -v shellcheck >/dev/null || skip "shellcheck is not installed"
   cd "$root" || exit
   {

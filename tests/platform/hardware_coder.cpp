@@ -9,6 +9,7 @@
 #include "board/hardware/test_scene.h"
 #include "board/hardware/vol_header.h"
 #include "hardware_fixture.h"
+#include "tests/slow_build.h"
 
 namespace {
 
@@ -65,6 +66,7 @@ class HardwareCoder : public testing::Test {
 };
 
 TEST_F(HardwareCoder, EverySizeAndQuantiserDecodesToWhatWasSeen) {
+  SKIP_WHERE_RACES_ARE_WATCHED();
   for (const auto& [width, height] : kSizes) {
     Film film(width, height);
     StreamJudge judge;
@@ -84,6 +86,7 @@ TEST_F(HardwareCoder, EverySizeAndQuantiserDecodesToWhatWasSeen) {
 }
 
 TEST_F(HardwareCoder, ManyPredictedPicturesDoNotDriftAway) {
+  SKIP_WHERE_RACES_ARE_WATCHED();
   Film film(320, 240);
   StreamJudge judge;
   for (int i = 0; i < 600; ++i) {

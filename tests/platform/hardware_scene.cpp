@@ -14,6 +14,7 @@
 #include "board/hardware/jpeg.h"
 #include "board/hardware/test_scene.h"
 #include "sensor_fixture.h"
+#include "tests/slow_build.h"
 
 namespace {
 
@@ -92,6 +93,7 @@ TEST(HardwareTestScene, TheBallMovesInsideItsRectangleAndNowhereElse) {
 }
 
 TEST(HardwareTestScene, TheBallGoesSeveralPixelsFromPictureToPicture) {
+  SKIP_WHERE_RACES_ARE_WATCHED();
   TestScene scene(kNoon);
   const Rectangle moving = {220, 100, 200, 200};
   const Picture still = look(&scene, 0);
@@ -190,6 +192,7 @@ class HardwareMedia : public testing::Test {
 };
 
 TEST_F(HardwareMedia, AFilmIsShownAgainAndAgainAtItsOwnPace) {
+  SKIP_WHERE_RACES_ARE_WATCHED();
   const auto scene = openScene(write("film.mjpeg", film(10)), &error_);
   ASSERT_TRUE(scene) << error_;
   for (int time = 0; time < 1500; time += 20)
@@ -213,6 +216,7 @@ TEST_F(HardwareMedia, APhotographStays) {
 }
 
 TEST_F(HardwareMedia, AFilmThatGoesAwayKeepsItsLastPictureAndSaysSoOnce) {
+  SKIP_WHERE_RACES_ARE_WATCHED();
   const std::string path = write("film.mjpeg", film(10));
   const auto scene = openScene(path, &error_);
   ASSERT_TRUE(scene) << error_;
@@ -293,6 +297,7 @@ TEST_F(HardwareMedia, WhatCannotBeOpenedIsNamed) {
 }
 
 TEST_F(HardwareMedia, BrokenFilesNeverEndTheProgram) {
+  SKIP_WHERE_RACES_ARE_WATCHED();
   const std::string whole = film(4);
   unsigned random = 1;
   for (int i = 0; i < 60; ++i) {

@@ -2,6 +2,7 @@
 #include <cmath>
 
 #include "sensor_fixture.h"
+#include "tests/slow_build.h"
 
 namespace {
 
@@ -159,6 +160,7 @@ TEST_F(SensorEffects, NoiseReductionSmoothsTheMoreTheStrongerItIs) {
 }
 
 TEST_F(SensorEffects, SmoothingLeavesAPlainPictureAlone) {
+  SKIP_WHERE_RACES_ARE_WATCHED();
   for (const int luma : {16, 100, 235}) {
     for (const int code : {2, 3}) {
       set(kVicamSetNoisefilter, 1);

@@ -13,6 +13,7 @@
 #include "platform/bytes.h"
 #include "platform/overlay.h"
 #include "tests/platform/support.h"
+#include "tests/slow_build.h"
 
 namespace {
 
@@ -91,6 +92,7 @@ TEST_F(OverlayTool, KeepsTheColoursOfClearPixels) {
 }
 
 TEST_F(OverlayTool, ScalesDownWhatIsTooLargeAndKeepsItsAspect) {
+  SKIP_WHERE_RACES_ARE_WATCHED();
   struct Expected {
     int width, height, newWidth, newHeight;
   };
