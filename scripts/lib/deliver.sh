@@ -85,7 +85,7 @@ mark='# From here on: written by scripts/run --deliver, for one run.'
 forget_deliveries() {
   local file
   for file in "${configured[@]/#/$board/etc/}"; do
-    if [ -f "$file" ]; then sed -i "/^$mark\$/,\$d" "$file"; fi
+    if [ -f "$file" ]; then sed -i "\\|^$mark\$|,\$d" "$file"; fi
   done
 }
 
