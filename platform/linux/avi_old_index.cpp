@@ -1,5 +1,7 @@
 #include "platform/linux/avi_old_index.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -17,6 +19,9 @@ bool AviOldIndex::possible() const {
 bool AviOldIndex::make(std::int64_t at, bool compare) {
   AviOutput(made_).chunk("idx1", pictures() * kAviOldEntry);
   bool good = put(kChunkHead, at, compare);
+  // All of it is there at once, though as zeros: players that find a part take its entries, which
+  // begin as pictures do, for pictures.
+  good = good && (compare || reach(at + bytes()));
   at += kChunkHead;
   std::uint32_t left = pictures();
   for (std::uint32_t i = 0; good && i < head_.blocks && left > 0; ++i)
@@ -24,12 +29,19 @@ bool AviOldIndex::make(std::int64_t at, bool compare) {
   return good;
 }
 
+// Makes the file that long unless it is already.
+bool AviOldIndex::reach(std::int64_t end) {
+  struct stat status {};
+  if (fstat(fd_, &status) != 0) return false;
+  return status.st_size >= end || resizeFile(fd_, end);
+}
+
 bool AviOldIndex::makeBlock(const AviBlock& block, std::uint32_t* left, std::int64_t* at,
                             bool compare) {
   const auto base = static_cast<std::int64_t>(block.at);
   // From the picture's data, counted from the block, to its head, counted from the word "movi".
   const auto shift = static_cast<std::uint32_t>(base) - kChunkHead - (kAviMovi + kChunkHead);
-  for (std::uint32_t done = 0; done<block.frames&& * left> 0;) {
+  for (std::uint32_t done = 0; *left > 0 && done < block.frames;) {
     const std::uint32_t count = std::min({block.frames - done, kEntries, *left});
     const long bytes = static_cast<long>(count * kAviBlockEntry);
     const std::int64_t from = base + kAviBlockHead + std::int64_t{done} * kAviBlockEntry;

@@ -24,6 +24,7 @@ class AviOldIndex {
   std::uint32_t pictures() const { return head_.totals.firstFrames; }
   bool make(std::int64_t at, bool compare);
   bool makeBlock(const AviBlock& block, std::uint32_t* left, std::int64_t* at, bool compare);
+  bool reach(std::int64_t end);
   bool put(std::size_t bytes, std::int64_t at, bool compare);
 
   static constexpr std::uint32_t kEntries = 512;  // at a time

@@ -76,6 +76,7 @@ class AviRecordings : public testing::Test {
     expectClosed(file, film, report.pictures.size());
   }
 
+  void expectGoodAfterEveryWrite(const Film& film, const AviLimits& limits, std::size_t parts);
   void expectBackAfterEveryCut(const Film& film, bool closed);
   void expectGrowsBeyond(std::uint64_t bytes);
 
@@ -149,32 +150,55 @@ TEST_F(AviRecordings, AreIndexedForHours) {
 }
 
 // All states in which a crash can leave the file, one after the other.
-TEST_F(AviRecordings, PlayUpToTheLastSecondAfterEveryWrite) {
-  for (const Film* film : {&mpeg4Film(), &jpegFilm()}) {
-    const std::string file = path("journal.avi");
-    std::filesystem::remove(file);
-    WriteJournal journal;
-    record(*film, file, 64);
-    const std::vector<Write> writes = journal.writes();
-    ASSERT_GT(writes.size(), 12U);
-    std::string content;
-    const std::string state = path("state.avi");
-    for (std::size_t i = 0; i < writes.size(); ++i) {
-      const Write& write = writes[i];
-      SCOPED_TRACE("write " + std::to_string(i) + " of " + std::to_string(writes.size()) + " at " +
-                   std::to_string(write.at) + ", picture " + std::to_string(write.pictures));
-      if (write.kind == Write::kLength) {
-        content.resize(write.at);
-      } else {
-        content.resize(std::max<std::size_t>(content.size(), write.at + write.data.size()));
-        content.replace(write.at, write.data.size(), write.data);
-      }
-      writeFile(state, content);
-      expectCut(state, *film, write.pictures > kLastSecond ? write.pictures - kLastSecond : 0);
-      if (HasFailure()) return;
-    }
-    EXPECT_EQ(content, readFile(file)) << "the journal has not seen every write";
+void AviRecordings::expectGoodAfterEveryWrite(const Film& film, const AviLimits& limits,
+                                              std::size_t parts) {
+  constexpr int kPictures = 64;
+  const std::string file = path("journal.avi");
+  std::filesystem::remove(file);
+  WriteJournal journal;
+  {
+    StandingClock clock;
+    Recording recording(film, file, kTenth, 1, limits);
+    ASSERT_TRUE(recording.add(&clock, kPictures) && recording.close());
   }
+  EXPECT_EQ(checkAvi(file, false).parts.size(), parts);
+  expectClosed(file, film, kPictures);
+  const std::vector<Write> writes = journal.writes();
+  ASSERT_GT(writes.size(), 12U);
+  std::string content;
+  const std::string state = path("state.avi");
+  for (std::size_t i = 0; i < writes.size(); ++i) {
+    const Write& write = writes[i];
+    SCOPED_TRACE("write " + std::to_string(i) + " of " + std::to_string(writes.size()) + " at " +
+                 std::to_string(write.at) + ", picture " + std::to_string(write.pictures));
+    if (write.kind == Write::kLength) {
+      content.resize(write.at);
+    } else {
+      content.resize(std::max<std::size_t>(content.size(), write.at + write.data.size()));
+      content.replace(write.at, write.data.size(), write.data);
+    }
+    writeFile(state, content);
+    expectCut(state, film, write.pictures > kLastSecond ? write.pictures - kLastSecond : 0);
+    if (HasFailure()) return;
+  }
+  EXPECT_EQ(content, readFile(file)) << "the journal has not seen every write";
+}
+
+TEST_F(AviRecordings, PlayUpToTheLastSecondAfterEveryWrite) {
+  expectGoodAfterEveryWrite(mpeg4Film(), AviLimits(), 1);
+  expectGoodAfterEveryWrite(jpegFilm(), AviLimits(), 1);
+}
+
+// What happens every gigabyte and every few thousand pictures, in a short file.
+TEST_F(AviRecordings, PlayUpToTheLastSecondAfterEveryWriteOfManyParts) {
+  AviLimits limits;
+  limits.firstRiff = 20000;
+  limits.laterRiff = 15000;
+  limits.firstBlock = 5;
+  expectGoodAfterEveryWrite(mpeg4Film(), limits, 3);
+  limits.firstRiff = 50000;
+  limits.laterRiff = 40000;
+  expectGoodAfterEveryWrite(jpegFilm(), limits, 4);
 }
 
 // `closed`: the file that is cut was closed before; otherwise it was being written.

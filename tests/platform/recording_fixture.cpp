@@ -178,8 +178,10 @@ const std::vector<Write>& WriteJournal::writes() const { return journal; }
 HolesForZeros::HolesForZeros() { zerosAreHoles = true; }
 HolesForZeros::~HolesForZeros() { zerosAreHoles = false; }
 
-Recording::Recording(const Film& film, const std::string& file, std::int64_t us, int pieces)
+Recording::Recording(const Film& film, const std::string& file, std::int64_t us, int pieces,
+                     const AviLimits& limits)
     : film_(film), us_(us), pieces_(pieces) {
+  handle_.file = new AviFile(limits);
   if (aviCreate(&handle_) < 0) return;
   if (!film.header.empty()) std::memcpy(handle_.header, film.header.data(), sizeof handle_.header);
   open_ = aviOpen(&handle_, file.c_str()) >= 0;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "platform/avi.h"
+#include "platform/linux/avi_file.h"
 
 // Pictures that repeat themselves for ever.
 struct Film {
@@ -66,7 +67,8 @@ class HolesForZeros {
 class Recording {
  public:
   // `us`: time from picture to picture. `pieces`: into which each is cut.
-  Recording(const Film& film, const std::string& file, std::int64_t us, int pieces = 1);
+  Recording(const Film& film, const std::string& file, std::int64_t us, int pieces = 1,
+            const AviLimits& limits = AviLimits());
   ~Recording();
   Recording(const Recording&) = delete;
   Recording& operator=(const Recording&) = delete;
