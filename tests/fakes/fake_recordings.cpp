@@ -108,6 +108,7 @@ int FakeRecordings::open(AVI_HANDLE* handle, const char* name) {
   std::snprintf(handle->name, sizeof handle->name, "%s", free.c_str());
   FakeRecording& file = files_[free];
   file.header.assign(handle->header, sizeof handle->header);
+  file.firstRate = handle->rate;
   file.open = true;
   handle->open = true;
   handle->size = 0;

@@ -16,8 +16,9 @@ struct FakeRecording {
   std::string data;   // of its chunks, as far as it is kept
   std::string header;
   std::int64_t size = 0;
-  std::int32_t rate = 0;  // that it was closed with
-  bool open = false;      // written to just now
+  std::int32_t rate = 0;       // that it was closed with
+  std::int32_t firstRate = 0;  // that it was opened with
+  bool open = false;           // written to just now
 };
 
 // Files and the folders that hold them, by path. In the list of calls: aviCreate()

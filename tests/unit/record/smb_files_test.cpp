@@ -215,16 +215,15 @@ TEST_F(SmbFiles, ChangedLowByteOfTheStatusWordEndsTheFile) {
   EXPECT_EQ("IPI", types(smbFile("120001")));
 }
 
-TEST_F(SmbFiles, FileThatHasNoFrameYetIsGivenTheRateOfTheSetting) {
-  fake.video.setSlot(kSlotStatus, 0xfe);
-  at(0.1, {"I", "d", "", 0});
-  std::int32_t rate = 0;
-  fake.onCall([&](const std::string& call) {
-    if (call.compare(0, 9, "aviClose(") == 0) rate = std::stoi(call.substr(call.find(',') + 1));
-  });
-  record(1);
-  EXPECT_EQ(1000, rate) << "what was measured";
-  fake.onCall(nullptr);
+TEST_F(SmbFiles, UntilItIsMeasuredTheRateIsThatOfTheSetting) {
+  for (const int setting : {0xfe, 0x01, 0x5ff}) {
+    fake.video.setSlot(kSlotStatus, setting);
+    at(0.1, {});
+    record(1);
+    const FakeRecording file = fake.recordings.at(fake.recordings.paths().back());
+    EXPECT_EQ((setting & 0xff) * 2000 + 2000, file.firstRate);
+    EXPECT_EQ(1000, file.rate);
+  }
 }
 
 TEST_F(SmbFiles, CodecThatChangesBeforeItsSettingEndsTheFile) {
@@ -246,6 +245,28 @@ TEST_F(SmbFiles, FilesOfOneSecondGetDifferentNames) {
   EXPECT_THAT(opened(), ElementsAre(smbFile("120000"), smbFile("120000"), smbFile("120000")));
   EXPECT_THAT(fake.recordings.paths(),
               ElementsAre(smbFile("120000-1"), smbFile("120000-2"), smbFile("120000")));
+}
+
+class NameRecorder : public TSmbRecorder {
+ public:
+  NameRecorder() : TSmbRecorder("") {}
+  std::string name(const TDateTime& time, const char* extension) {
+    EXPECT_TRUE(onSetname(time, extension));
+    return fileName();
+  }
+};
+
+TEST_F(SmbFiles, NameIsMadeOnceASecond) {
+  NameRecorder names;
+  const std::uint32_t second = now().seconds();
+  EXPECT_EQ(smbFile("120000"), names.name({second, 0}, "avi"));
+  EXPECT_EQ(smbFile("120000"), names.name({second, 999999}, "other"));
+  EXPECT_EQ("/smb/camera/20240603/120001.other", names.name({second + 1, 0}, "other"));
+}
+
+TEST_F(SmbFiles, FramesOfTheFirstSecondOfAllHaveAName) {
+  NameRecorder names;
+  EXPECT_EQ("/smb/camera/19700101/000000.avi", names.name({0, 0}, "avi"));
 }
 
 TEST_F(SmbFiles, FileIsInTheFolderOfItsOwnDay) {
