@@ -1,7 +1,7 @@
 # shellcheck shell=bash
 # Real servers on this PC alone, for a camera that delivers to them: FTP, mail and a Samba share. What
 # arrives is shown as it arrives. Sourced by scripts/run, which sets $root, $board, $camera and $keep.
-# shellcheck disable=SC2154
+# shellcheck disable=SC2034,SC2154
 
 deliveries=''       # the folder: ftp/, mailbox/ and share/ for what arrives, servers/ for the servers' own
 share_arguments=()  # of board/enter for a program that records there
