@@ -4,7 +4,7 @@
 //
 //   bench_avi_writing FOLDER
 //
-// FOLDER should lie in memory; 1.2 GiB of it are used. The recordings' clock is set by their
+// FOLDER should lie in memory; 0.8 GiB of it are used. The recordings' clock is set by their
 // pictures, 30 a second, so that files are brought up to date as often as on a camera, not only
 // as often as a second goes by while a camera's hour is written.
 #include <fcntl.h>
@@ -30,9 +30,9 @@
 namespace {
 
 constexpr std::size_t kMiB = 1 << 20;
-constexpr std::size_t kRoundBytes = 512 * kMiB;
+constexpr std::size_t kRoundBytes = 256 * kMiB;
 constexpr std::size_t kLongFile = (std::size_t{4} << 30) + 64 * kMiB;
-constexpr int kRounds = 7;
+constexpr int kRounds = 15;
 constexpr int kPool = 300;  // pictures that are repeated
 constexpr std::size_t kPiece = 65536;
 constexpr std::int64_t kPictureUs = 1000000 / 30;
@@ -143,9 +143,9 @@ void copyByFfmpeg(const std::string& from, const std::string& to) {
     fail("ffmpeg");
 }
 
-double median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  return values[values.size() / 2];
+// What else the computer does only ever adds time: the quickest round tells what the work takes.
+double least(const std::vector<double>& values) {
+  return *std::min_element(values.begin(), values.end());
 }
 
 void compare(const Pictures& pictures, const std::string& folder) {
@@ -156,7 +156,7 @@ void compare(const Pictures& pictures, const std::string& folder) {
     work();
     return processorTime(who) - before;
   };
-  std::vector<double> recorded, written, copied, againstWrite, againstCopy;
+  std::vector<double> recorded, written, copied;
   for (int round = -1; round < kRounds; ++round) {
     std::size_t size = 0;
     const double record1 =
@@ -171,15 +171,14 @@ void compare(const Pictures& pictures, const std::string& folder) {
     recorded.push_back(record1 / gigabytes);
     written.push_back(write1 / gigabytes);
     copied.push_back(copy1 / gigabytes);
-    againstWrite.push_back(record1 / write1);
-    againstCopy.push_back(record1 / copy1);
   }
   std::printf("%-58s %8.2f (reach: at most 1.2)\n",
-              (pictures.name + ": against write() of 64 KiB").c_str(), median(againstWrite));
+              (pictures.name + ": against write() of 64 KiB").c_str(),
+              least(recorded) / least(written));
   std::printf("%-58s %8.2f (reach: at most 0.8)\n", "  against ffmpeg -c copy",
-              median(againstCopy));
-  std::printf("  %.0f ms per GB; write() %.0f ms, ffmpeg %.0f ms\n", median(recorded) * 1e3,
-              median(written) * 1e3, median(copied) * 1e3);
+              least(recorded) / least(copied));
+  std::printf("  %.0f ms per GB; write() %.0f ms, ffmpeg %.0f ms\n", least(recorded) * 1e3,
+              least(written) * 1e3, least(copied) * 1e3);
 }
 
 long residentKiB() {
