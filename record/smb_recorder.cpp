@@ -80,7 +80,7 @@ bool TSmbRecorder::onRelease() {
 }
 
 bool TSmbRecorder::onPreview(const SB_FRAME& frame) {
-  drop_.test(static_cast<std::int32_t>(loadLe32(frame.number)));
+  const bool gap = drop_.test(static_cast<std::int32_t>(loadLe32(frame.number)));
   time_.advance(frameTime(), monotonicMs());
   char header[sizeof header_] = "";
   std::memcpy(header, frame.userdata[0], kHeaderText);
@@ -88,6 +88,7 @@ bool TSmbRecorder::onPreview(const SB_FRAME& frame) {
     std::memcpy(header_, header, sizeof header_);
     std::memset(file_.header, 0, sizeof file_.header);
     hex2bin(header_, file_.header, sizeof file_.header);
+    if (!gap) finishPicture(frame);
     return onRelease();
   }
   // Intended: inputs, relays and access stand in the same byte and end the file too.
@@ -95,13 +96,31 @@ bool TSmbRecorder::onPreview(const SB_FRAME& frame) {
   if (setting == setting_) return true;
   setting_ = setting;
   file_.rate = setting * (2 * kRate) + 2 * kRate;
+  if (!gap) finishPicture(frame);
   return onRelease();
+}
+
+// A picture may begin in one frame and end in the next, which may be the one that ends the file.
+void TSmbRecorder::finishPicture(const SB_FRAME& frame) {
+  const long length = static_cast<std::int32_t>(loadLe32(frame.length));
+  if (!file_.open || !TChunkReader::sound(frame.payload, length, largestPayload())) return;
+  TChunkReader chunks(frame.payload, length, largestPayload());
+  TChunk chunk;
+  while (file_.open && chunks.next(&chunk)) {
+    if (chunk.type != kTypeKeyMore && chunk.type != kTypePredictedMore) return;
+    file_.type = chunk.type;
+    if (!fits(chunk.type) || !write(chunk.data, chunk.length)) return;
+  }
+}
+
+long TSmbRecorder::largestPayload() const {
+  return sbGetFrameSize(handle()) - static_cast<long>(kFrameHeadBytes);
 }
 
 // The frame is judged as a whole before anything of it is written.
 bool TSmbRecorder::onCapture(const char* data, long length) {
   if (length < 1) return true;
-  const long largest = sbGetFrameSize(handle()) - static_cast<long>(kFrameHeadBytes);
+  const long largest = largestPayload();
   if (!TChunkReader::sound(data, length, largest)) {
     if (!unsound_) logEx(2, "frame without valid chunk trailers");
     unsound_ = true;

@@ -45,7 +45,8 @@ class TSmbRecorder : public TRecorder {
   bool onInitial() override;
   // Closes the file. Returns false when that fails (event 525); it is closed nevertheless.
   bool onRelease() override;
-  // Closes the file when the header or the settings have changed. Returns false when that fails.
+  // Closes the file when the header or the settings have changed, with the rest of its last picture
+  // when the frame begins with that. Returns false when closing fails.
   bool onPreview(const SB_FRAME& frame) override;
   // Writes the chunks of a frame. A frame whose trailers are missing or wrong is passed over:
   // logs 2 "frame without valid chunk trailers", once until a good one comes.
@@ -61,6 +62,8 @@ class TSmbRecorder : public TRecorder {
   SB_HANDLE* getHandle() override;
 
  private:
+  void finishPicture(const SB_FRAME& frame);
+  long largestPayload() const;  // bytes, trailers included
   bool store(const TChunk& chunk);
   bool onDevide(char type);
   bool onDiskfull(bool writing);

@@ -215,6 +215,25 @@ TEST_F(SmbFiles, ChangedLowByteOfTheStatusWordEndsTheFile) {
   EXPECT_EQ("IPI", types(smbFile("120001")));
 }
 
+TEST_F(SmbFiles, FileThatAChangeEndsHasTheRestOfItsLastPicture) {
+  at(0.1, {"I", "d", "", 0});
+  at(0.2, {"iiP", "d", "ff", 0});
+  at(1.1, {"Ii", "d", "ff", 0});
+  fake.at(1.15, [this] { fake.video.setSlot(kSlotStatus, 2); });
+  at(1.2, {"i", "d", "ff", 0});
+  at(1.3, {"pP", "d", "ff", 0});
+  record(2);
+  EXPECT_EQ("Iii", types(smbFile("120000")));
+  EXPECT_EQ("Iii", types(smbFile("120001")));
+}
+
+TEST_F(SmbFiles, FileThatAChangeEndsGetsNothingFromBehindAGap) {
+  at(0.1, {"I", "d", "", 0});
+  at(0.2, {"i", "d", "ff", 1});
+  record(1);
+  EXPECT_EQ("I", types(smbFile("120000")));
+}
+
 TEST_F(SmbFiles, UntilItIsMeasuredTheRateIsThatOfTheSetting) {
   for (const int setting : {0xfe, 0x01, 0x5ff}) {
     fake.video.setSlot(kSlotStatus, setting);
