@@ -8,15 +8,9 @@
 #include <cstdint>
 
 #include "platform/bytes.h"
+#include "platform/frame_type.h"
 
 constexpr long kTrailerBytes = 6;
-
-// Frame types. A key frame starts with 'I' and goes on with 'i'; a predicted one with 'P' and 'p'.
-constexpr char kTypeKey = 'I';
-constexpr char kTypePredicted = 'P';
-constexpr char kTypeKeyMore = 'i';
-constexpr char kTypePredictedMore = 'p';
-constexpr char kTypeJpeg = 'J';  // a whole picture
 
 // Continuation marks.
 constexpr char kTrailerMore = 'o';  // another chunk follows in this frame

@@ -10,15 +10,15 @@ constexpr int kAviNameBytes = 256;
 // One recording file after the other. The caller sets what is to be written; the functions below
 // tell what came of it. Bound to one thread at a time.
 struct AVI_HANDLE {
-  char type = 0;                  // frame type of the next chunk: see capture/chunk_trailer.h
+  char type = 0;                  // frame type of the next chunk: see platform/frame_type.h
   char header[20] = {};           // the MPEG-4 stream header; the file that is opened next has it
   std::int32_t rate = 0;          // frames per second x 1000, for the file when it is closed
   std::int64_t size = 0;          // bytes of the open file so far
   bool open = false;              // a file is open
   char name[kAviNameBytes] = "";  // of the open file, or of the last one: another than asked for
                                   // when that was taken
-  AviFile* file = nullptr;  // owned: from aviCreate() to aviRelease()
-  int fd = -1;              // of a raw file
+  AviFile* file = nullptr;        // owned: from aviCreate() to aviRelease()
+  int fd = -1;                    // of a raw file
 };
 
 // All: 0 or more on success, -1 with `errno` otherwise. A file that exists is never touched:

@@ -6,7 +6,7 @@
 #include <limits>
 #include <utility>
 
-#include "capture/chunk_trailer.h"
+#include "platform/frame_type.h"
 #include "platform/linux/clock.h"
 #include "platform/linux/file_io.h"
 #include "platform/linux/jpeg_size.h"
