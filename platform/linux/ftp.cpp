@@ -116,6 +116,7 @@ bool Session::setTls() {
   set(CURLOPT_USE_SSL, static_cast<long>(CURLUSESSL_ALL));  // the data too
   set(CURLOPT_FTPSSLAUTH, static_cast<long>(CURLFTPAUTH_TLS));
   transfer_.setTls(tls.verify, tls.caFile);
+  transfer_.guardHandshakes();
   return true;
 }
 

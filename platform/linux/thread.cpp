@@ -208,6 +208,13 @@ bool ThreadAccess::stopAsked() {
   return mainStopFd >= 0 && TApplication::stopped;
 }
 
+std::function<bool()> ThreadAccess::stopTest() {
+  const auto* const body = static_cast<const PThread::State*>(current);
+  if (body != nullptr) return [body] { return body->asked.load(); };
+  if (mainStopFd >= 0) return [] { return static_cast<bool>(TApplication::stopped); };
+  return [] { return false; };
+}
+
 std::int64_t ThreadAccess::pause(std::int64_t microseconds) {
   if (microseconds <= 0) return 0;
   const std::int64_t end = monotonicUs() + microseconds;

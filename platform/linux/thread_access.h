@@ -4,12 +4,17 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 
 struct ThreadAccess {
   // Returns true iff waits of the calling thread are to end early: the body of the calling PThread
   // was asked to stop from outside, or on the main thread the process was. One load; false on any
   // other thread. Long platform calls look here between their steps, of 100 ms at the most.
   static bool stopAsked();
+
+  // Returns what tells another thread the same about the calling one, for as long as the body that
+  // calls this is inside.
+  static std::function<bool()> stopTest();
 
   // Pauses the calling thread by the monotonic clock; zero or less: no pause.
   // Returns the microseconds that were left when stopAsked() ended the pause; 0 after a whole one.

@@ -12,6 +12,7 @@
 
 #include "platform/linux/clock.h"
 #include "platform/linux/printable.h"
+#include "platform/linux/stop_guard.h"
 #include "platform/linux/thread_access.h"
 
 namespace {
@@ -83,7 +84,7 @@ CURLcode Transfer::run(long limitMs) {
   deadlineUs_ = limitMs > 0 ? activeUs_ + limitMs * 1000 : std::numeric_limits<std::int64_t>::max();
   if (easy_ == nullptr || multi_ == nullptr || curl_multi_add_handle(multi_, easy_) != CURLM_OK)
     return result_ = CURLE_OUT_OF_MEMORY;
-  result_ = drive();
+  result_ = guarded_ ? driveGuarded() : drive();
   if (ended_ != CURLE_OK) {
     result_ = ended_;
     cut();
@@ -95,6 +96,13 @@ CURLcode Transfer::run(long limitMs) {
 CURLcode Transfer::runFarewell() {
   reconnects_ = false;
   return run(limits().farewellMs);
+}
+
+CURLcode Transfer::driveGuarded() {
+  const StopGuard guard(deadlineUs_, [this] { cut(); });
+  const CURLcode result = drive();
+  if (result != CURLE_OK) mustEnd();  // what the guard has cut off failed for that reason
+  return result;
 }
 
 CURLcode Transfer::drive() {
@@ -118,13 +126,18 @@ curl_socket_t Transfer::onOpen(void* self, curlsocktype, curl_sockaddr* address)
   auto& me = *static_cast<Transfer*>(self);
   if (!me.reconnects_) return CURL_SOCKET_BAD;
   const int fd = socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+  const std::lock_guard<std::mutex> lock(me.socketsMutex_);
   if (fd >= 0) me.sockets_.push_back(fd);
   return fd;
 }
 
 int Transfer::onClose(void* self, curl_socket_t socket) {
   auto& me = *static_cast<Transfer*>(self);
-  me.sockets_.erase(std::remove(me.sockets_.begin(), me.sockets_.end(), socket), me.sockets_.end());
+  {
+    const std::lock_guard<std::mutex> lock(me.socketsMutex_);
+    auto& all = me.sockets_;
+    all.erase(std::remove(all.begin(), all.end(), socket), all.end());
+  }
   if (me.gaveAll_ && me.ended_ == CURLE_OK && me.sockets_.size() == 1) me.endData(socket);
   return close(socket);
 }
@@ -166,6 +179,7 @@ bool Transfer::mustEnd() {
 
 // Whatever libcurl still has to say fails at once then, so that it waits for no answer.
 void Transfer::cut() {
+  const std::lock_guard<std::mutex> lock(socketsMutex_);
   for (const curl_socket_t socket : sockets_) shutdown(socket, SHUT_RDWR);
 }
 

@@ -5,6 +5,7 @@
 #include <curl/curl.h>
 
 #include <cstdint>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -35,6 +36,10 @@ class Transfer {
   // TLS: `verify` false accepts any certificate; `caFile` of authorities, empty: the system's.
   void setTls(bool verify, const char* caFile);
 
+  // For protocols of which libcurl does the handshakes of TLS without ever looking up: from now on
+  // a second thread looks while one runs.
+  void guardHandshakes() { guarded_ = true; }
+
   // Does what the handle is set to. Looks at least every 100 ms whether the calling thread is to
   // stop. `limitMs`: ends it in any case; 0: no such limit. Returns CURLE_OK,
   // CURLE_ABORTED_BY_CALLBACK when the thread was asked to stop, CURLE_OPERATION_TIMEDOUT or
@@ -60,13 +65,16 @@ class Transfer {
   static int onClose(void* self, curl_socket_t socket);
   void setOptions();
   CURLcode drive();
+  CURLcode driveGuarded();
   void endData(curl_socket_t socket);
   bool mustEnd();  // and notes why
   void cut();
 
   CURL* easy_;
   CURLM* multi_;
+  std::mutex socketsMutex_;             // for the guard, which reads them on its own thread
   std::vector<curl_socket_t> sockets_;  // that are open
+  bool guarded_ = false;
   bool reconnects_ = true;
   bool gaveAll_ = false;
   CURLcode result_ = CURLE_OK;
