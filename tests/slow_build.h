@@ -8,5 +8,12 @@ constexpr bool kWatchedForRaces = true;
 constexpr bool kWatchedForRaces = false;
 #endif
 
+// Limits of time that are no promise, but show that something has an end, are longer by so much.
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+constexpr unsigned kSlow = 4;
+#else
+constexpr unsigned kSlow = 1;
+#endif
+
 #define SKIP_WHERE_RACES_ARE_WATCHED() \
   if (kWatchedForRaces) GTEST_SKIP() << "one thread: nothing to be seen in this build"
