@@ -70,9 +70,8 @@ TEST_F(FtpSettings, WithoutAServerThereIsNone) {
 }
 
 TEST_F(FtpSettings, ATextThatFillsItsFieldIsGoodAndOneByteMoreIsRefused) {
-  const std::pair<const char*, std::size_t> kTexts[] = {{"Server", 128},   {"Folder", 128},
-                                                        {"User", 65},      {"Password", 67},
-                                                        {"FileName", 131}, {"Prefix", 67}};
+  const std::pair<const char*, std::size_t> kTexts[] = {
+      {"Server", 128}, {"User", 65}, {"Password", 67}, {"FileName", 131}};
   for (const auto& [key, longest] : kTexts) {
     const std::string setting = std::string("Server=a\n") + key + "=" + std::string(longest, 'y');
     write(setting + "\n");
@@ -82,6 +81,24 @@ TEST_F(FtpSettings, ATextThatFillsItsFieldIsGoodAndOneByteMoreIsRefused) {
     EXPECT_TRUE(refused()) << key;
     EXPECT_TRUE(log_.waitFor(std::string("2 /etc/camera.conf: [Ftp] ") + key + " is longer than " +
                              std::to_string(longest) + " bytes"));
+  }
+}
+
+TEST_F(FtpSettings, APartOfANameThatNoRecorderCanUseIsRefused) {
+  const std::pair<const char*, std::size_t> kParts[] = {{"Folder", 126}, {"Prefix", 64}};
+  for (const auto& [key, longest] : kParts) {
+    const std::string text(longest, 'y');
+    write(std::string("Server=a\n") + key + "=" + text + "\n");
+    TFtpServer record{};
+    EXPECT_EQ(get_ftp_server(&record), 0) << key;
+    write(std::string("Server=a\n") + key + "=" + text + "y\n");
+    EXPECT_TRUE(refused()) << key;
+    EXPECT_TRUE(log_.waitFor("2 path too long: " + text + "y"));
+    for (const std::string climb : {"../", "a/../../"}) {
+      write(std::string("Server=a\n") + key + "=" + climb + key + "\n");
+      EXPECT_TRUE(refused()) << climb + key;
+      EXPECT_TRUE(log_.waitFor("2 unsafe path refused: " + climb + key));
+    }
   }
 }
 
