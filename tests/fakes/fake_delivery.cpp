@@ -140,14 +140,15 @@ int ftpOpenSession(const char* server, int port, const char* user, const char* p
   fake().delivery.logout();
   if (fake().delivery.fails("ftpOpenSession")) return -1;
   fake().delivery.login(password);
-  return 0;
+  return fake().delivery.success;
 }
 
 int ftpTransfer(const char* name, const char* data, long length, int option) {
   FakeScope scope;
   fake().record("ftpTransfer(" + std::string(name) + "," + std::to_string(length) + "," +
                 std::to_string(option) + ")");
-  if (!fake().delivery.loggedIn() || fake().delivery.fails("ftpTransfer")) return -1;
+  if (!fake().delivery.loggedIn() || fake().delivery.fails("ftpTransfer"))
+    return fake().delivery.failure;
   fake().delivery.upload(name, data, length, option);
   return 0;
 }
@@ -156,7 +157,7 @@ int ftpCloseSession() {
   FakeScope scope;
   fake().record("ftpCloseSession()");
   const bool wasOpen = fake().delivery.logout();
-  return wasOpen && !fake().delivery.fails("ftpCloseSession") ? 0 : -1;
+  return wasOpen && !fake().delivery.fails("ftpCloseSession") ? fake().delivery.success.load() : -1;
 }
 
 // --- Mail
@@ -185,7 +186,7 @@ int get_mail_body(char* text, long size, long time) {
 int send_mail(const TMailInfo* info) {
   FakeScope scope;
   fake().record("send_mail(" + std::string(info->receiver) + ")");
-  if (fake().delivery.fails("send_mail")) return -1;
+  if (fake().delivery.fails("send_mail")) return fake().delivery.failure;
   fake().delivery.send(*info);
   return 0;
 }

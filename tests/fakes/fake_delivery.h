@@ -55,6 +55,9 @@ class FakeDelivery {
   // by itself after 20 s.
   void hangs(const std::string& function);
   void answers(const std::string& function);
+  // What a call returns that works (login, logout) and one that fails (upload, mail).
+  std::atomic<int> success{0};
+  std::atomic<int> failure{-1};
   // Calls that hang now.
   std::atomic<long> hanging{0};
 

@@ -156,6 +156,17 @@ TEST_F(FtpRecorder, UploadThatFailsEndsTheRecordingAndLogsOut) {
   EXPECT_EQ(0, fake.delivery.openSessions);
 }
 
+TEST_F(FtpRecorder, LoginAndLogoutFailBelowZeroAndAnUploadWithAnythingElseThanZero) {
+  fake.delivery.success = 1;
+  record(0);
+  EXPECT_THAT(names(), SizeIs(1));
+  EXPECT_THAT(failures(), IsEmpty());
+  fake.delivery.failure = 1;
+  fake.fails("ftpTransfer");
+  record(5);
+  EXPECT_THAT(failures(), ElementsAre("log_event(512)"));
+}
+
 TEST_F(FtpRecorder, LogoutThatFailsIsReportedOnly) {
   fake.fails("ftpCloseSession");
   record(1);
@@ -193,6 +204,16 @@ TEST_F(FtpRecorder, StaysRegisteredWithBothWritersAndIsGoneWithItself) {
   recorder.reset();
   EXPECT_FALSE(aviWriter()->getRef());
   EXPECT_FALSE(jpgWriter()->getRef());
+}
+
+TEST_F(FtpRecorder, BodyThatWasForgottenEndsBeforeTheRecorderDeregisters) {
+  record(0);
+  recorder->start(10);
+  fake.threadStuck("pthread");
+  bool registered = false;
+  fake.at(1, [&] { registered = aviWriter()->getRef() && jpgWriter()->getRef(); });
+  recorder.reset();
+  EXPECT_TRUE(registered) << "it would register again";
 }
 
 // --- Names

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/fakes/fake_seam.h"
 #include "tests/unit/record/record_fixture.h"
 
 namespace {
@@ -336,6 +337,23 @@ TEST_F(TextMail, StartOnAnotherBufferDuringAMailIsTheNextOne) {
   EXPECT_EQ(2, record());
   EXPECT_THAT(mails(), SizeIs(2));
   EXPECT_THAT(failures(), IsEmpty());
+}
+
+// A recorder whose body is asked to stop before it begins.
+class StoppedRecorder : public TMailRecorder {
+ public:
+  using TMailRecorder::TMailRecorder;
+  void execute() override {
+    fake_seam::askHere();
+    TMailRecorder::execute();
+  }
+};
+
+TEST_F(TextMail, IsNotSentByABodyThatWasStoppedBeforeItBegan) {
+  StoppedRecorder stopped(&camera, "", "door");
+  stopped.start(0);
+  EXPECT_EQ(1, runBodies(stopped));
+  EXPECT_EQ(0, fake.count("send_mail("));
 }
 
 TEST_F(TextMail, StopTakesBackAStartThatCameDuringAMail) {

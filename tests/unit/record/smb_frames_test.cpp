@@ -53,6 +53,29 @@ TEST_F(SmbFrames, DroppedChunkNumber321IsReported) {
   EXPECT_THAT(fake.callsWith("stderr"), ElementsAre(kMessage, kMessage));
 }
 
+TEST_F(SmbFrames, DroppedChunksCountWithoutAFileToo) {
+  number = 5;
+  at(0.1, {std::string(200, 'P'), "d", "", 0});
+  at(0.2, {std::string(121, 'P'), "d", "", 0});
+  record(1);
+  EXPECT_THAT(opened(), IsEmpty());
+  EXPECT_THAT(fake.callsWith("stderr"), ElementsAre(kMessage));
+}
+
+// A recorder that is handed its frames by the test.
+class HandedRecorder : public TSmbRecorder {
+ public:
+  HandedRecorder() : TSmbRecorder("") {}
+  using TSmbRecorder::onCapture;
+};
+
+TEST_F(SmbFrames, OfNoLengthAreNothing) {
+  HandedRecorder handed;
+  EXPECT_TRUE(handed.onCapture("", 0));
+  EXPECT_TRUE(handed.onCapture("", -1));
+  EXPECT_THAT(failures(), IsEmpty());
+}
+
 class SmbPassiveDrop : public RecordFixture {};
 
 TEST_F(SmbPassiveDrop, BeginsWithTheFirstNumberThatIsNotTheNext) {

@@ -237,6 +237,17 @@ TEST_F(SmbLife, FileThatIsStillOpenIsClosedWhenTheRecorderGoes) {
                                         "delete(pthread)"));
 }
 
+TEST_F(SmbLife, BodyThatWasForgottenEndsBeforeItsFilesGo) {
+  make();
+  recorder->start(10);
+  fake.threadStuck("pthread");
+  int handles = 0;
+  fake.at(1, [&] { handles = fake.recordings.handles(); });
+  recorder.reset();
+  EXPECT_EQ(1, handles);
+  EXPECT_EQ(0, fake.recordings.handles());
+}
+
 // --- Clock steps.
 
 TEST_F(SmbLife, ClockThatGoesBackMakesNoEndlessFile) {

@@ -239,13 +239,17 @@ TEST_F(SmbRoom, FileThatCannotBeRemovedIsReported) {
 
 // Only the folder of a day is handed to the shell.
 TEST_F(SmbRoom, NothingButADayReachesTheShell) {
-  fake.recordings.put("/smb/camera/100000.avi;reboot", 1000);
-  at(0.1, {});
-  fake.at(0.05, [this] { fake.failsWith("test_dir", 0); });
+  fake.failsWith("test_dir", 0);
   fake.failsWith("mkdir2", ENOSPC);
-  record(5);
-  EXPECT_EQ(0, fake.count("system("));
-  EXPECT_THAT(failures(), Contains("log 2 system(rm -rf /smb/camera/100000.avi;reboot) fail"));
+  for (const std::string name : {"100000.avi;reboot", "20240601;reboot.avi", "202406011.avi"}) {
+    const std::string path = "/smb/camera/" + name;
+    fake.recordings.put(path, 1000);
+    at(0.1, {});
+    record(5);
+    EXPECT_EQ(0, fake.count("system("));
+    EXPECT_THAT(failures(), Contains("log 2 system(rm -rf " + path + ") fail"));
+    fake.recordings.removeTree(path);
+  }
 }
 
 // A share of 64 MiB for weeks: what is there never exceeds it, and only the oldest goes.
