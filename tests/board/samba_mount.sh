@@ -170,6 +170,7 @@ echo "$*" >/home/asked
 cp /run/smb/credentials /home/credentials
 ls -l /run/smb/credentials | cut -c 1-10 >/home/mode
 [ ! -e /home/refuse ] || { echo "mount error(13)" >&2; exit 32; }
+[ ! -e /home/hang ] || { sleep 4; /usr/bin/mount -t tmpfs none /smb; }
 exec /usr/bin/mount -t tmpfs none /smb
 END
   chmod +x "$board"/sbin/{mount,modprobe,mount.cifs}
@@ -191,6 +192,13 @@ domain=HOME" "credentials"
   touch "$board/home/refuse"
   fails 'refuses: mount error(13)'
   in_box 'test -e /run/smb/credentials' && fail "the credentials stay"
+  rm "$board/home/refuse"
+  touch "$board/home/hang"
+  share_is 'Domain = ELSEWHERE'
+  fails 'the server 127.0.0.1 is too slow'
+  in_box 'test -e /run/smb/credentials' && fail "the credentials stay"
+  sleep 2
+  is_bare || fail "mounted when nobody waits any more"
   return 0
 }
 

@@ -182,16 +182,22 @@ runs() {
 
 guarded() { [ ! -e "$run/ended" ] && runs guard smb.sh; }
 
-# tidy: ends sharefs and its guard, in order if they can.
+# tidy: ends sharefs and its guard, in order if they can. A mount by the kernel that is under way ends
+# with the guard: it must not come later, when nobody waits for it any more.
 tidy() {
   if runs helper sharefs; then kill -TERM "$pid" 2>/dev/null; fi
   patience=$(($(now) - begun + 25))
   while guarded; do
     if ! in_time "$patience"; then
-      if runs helper sharefs || runs helper sh; then kill -KILL "$pid" 2>/dev/null; fi
+      if runs helper sharefs || runs helper sh; then
+        kill -KILL "$pid" 2>/dev/null
+      elif [ "${way:-}" = kernel ] && runs guard smb.sh; then
+        kill -s KILL -- "-$pid" 2>/dev/null
+      fi
       in_time "$all_over" || break
     fi
   done
+  rm -f "$run/credentials"
 }
 
 # try: mounts. Returns non-zero with the reason in $problem.
