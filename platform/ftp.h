@@ -17,9 +17,9 @@ struct TFtpServer {
 };
 
 // Reads the settings, section "Ftp" of /etc/camera.conf (docs/configuration.md).
-// 0 on success; otherwise non-zero, there is no server, and `*record` is unchanged: a text that can't
-// be used, a folder that climbs for one, means no server, since uploads would end up elsewhere. Any
-// thread.
+// 0 on success; otherwise non-zero, there is no server, and `*record` is unchanged: a text that
+// can't be used, a folder that climbs for one, means no server, since uploads would end up
+// elsewhere. Any thread.
 int get_ftp_server(TFtpServer* record);
 
 // Transfer options.
