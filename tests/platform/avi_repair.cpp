@@ -243,9 +243,20 @@ TEST_F(AviRepairs, TellOfErrors) {
     const AviRepair done = repair(cut);
     EXPECT_EQ(done.result, -1);
     EXPECT_EQ(done.error, EIO);
+    EXPECT_STREQ(done.reason, "can't be written");
     EXPECT_EQ(repairAvi(path_.c_str()).result, 1);
     EXPECT_TRUE(readAvi(content()).closed(content().size()));
   }
+}
+
+TEST_F(AviRepairs, LeaveAloneWhatHasNoWholePicture) {
+  const auto film = makeFilm(8, 40, 2000);
+  const std::string all = record(film);
+  const std::string cut = all.substr(0, ends(all, film)[0] - 100);
+  const AviRepair done = repair(cut);
+  EXPECT_EQ(done.result, -1);
+  EXPECT_STREQ(done.reason, "without a whole picture");
+  EXPECT_TRUE(content() == cut);
 }
 
 // Whatever the file holds, the repair ends, stays inside, and what it has repaired is sound.
