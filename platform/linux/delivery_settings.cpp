@@ -1,5 +1,7 @@
 #include "platform/linux/delivery_settings.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cstring>
 
@@ -36,5 +38,10 @@ std::int32_t DeliverySettings::number(const char* key, int fallback, int low, in
 
 bool DeliverySettings::tls(TlsSettings* settings) const {
   settings->verify = number("Verify", 1, 0, 1) != 0;
-  return text("CaFile", settings->caFile, sizeof settings->caFile);
+  if (!text("CaFile", settings->caFile, sizeof settings->caFile)) return false;
+  // Reading a pipe would never end. What is not there is for libcurl to tell.
+  struct stat status {};
+  if (stat(settings->caFile, &status) != 0 || S_ISREG(status.st_mode)) return true;
+  logEx(2, "%s: [%s] CaFile is no file: %s", kCameraConfig, section_, settings->caFile);
+  return false;
 }

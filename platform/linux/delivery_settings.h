@@ -28,7 +28,8 @@ class DeliverySettings {
     return number(key, fallback, low, high, fallback);
   }
 
-  // Returns false iff the name of the file of authorities can't be used.
+  // Returns false iff the file of authorities can't be used.
+  // Logs as text(), or 2 "%s: [%s] CaFile is no file: %s".
   bool tls(TlsSettings* settings) const;
 
  private:

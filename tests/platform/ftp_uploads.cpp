@@ -1,10 +1,12 @@
 // Uploads that succeed, and names and servers that are refused before anything is sent.
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <thread>
 
 #include "platform/ftp.h"
+#include "platform/log.h"
 #include "tests/platform/ftp_fixture.h"
 
 namespace {
@@ -288,6 +290,22 @@ TEST_F(FtpTls, ATooLongNameOfTheFileOfAuthoritiesOpensNothing) {
   settings("Security=0\nCaFile=a\tb\n");
   EXPECT_LT(open(), 0);
   EXPECT_TRUE(logged("the settings can't be used"));
+  EXPECT_TRUE(seen().empty());
+}
+
+TEST_F(FtpTls, APipeInThePlaceOfTheAuthoritiesHoldsNobody) {
+  start();
+  const std::string pipe = root_.path("/etc/pipe");
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  for (const std::string& file : {pipe, std::string("/dev/zero"), root_.path("/etc")}) {
+    settings("Security=1\nCaFile=" + file + "\n");
+    EXPECT_LT(open(), 0);
+    const std::vector<std::string> lines = log_.lines();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0], "2 /etc/camera.conf: [Ftp] CaFile is no file: " + file);
+    EXPECT_EQ(lines[1], "2 ftp: 127.0.0.1: the settings can't be used");
+    free_log();
+  }
   EXPECT_TRUE(seen().empty());
 }
 
