@@ -138,7 +138,7 @@ TEST_F(SmbFiles, SizeAndLengthThatAreNoneGiveTheDefaults) {
 }
 
 TEST_F(SmbFiles, DebugWritesRawFiles) {
-  set("Debug", 1);
+  set("Debug", 2);  // any value but 0
   sequence(0.1, 0.1, "IP");
   record(1);
   EXPECT_EQ("IP", types("/smb/camera/20240603/120000.raw"));

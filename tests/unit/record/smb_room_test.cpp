@@ -44,6 +44,7 @@ TEST_F(SmbRoom, OldestDayGoesFirst) {
 }
 
 TEST_F(SmbRoom, FileThatFindsNoRoomIsOpenedOnceMore) {
+  set("Recycle", 2);  // any value but 0
   fake.recordings.put("/smb/camera/20240601/100000.avi", 1000);
   tenths(0.1, "IP");
   record(1);
