@@ -394,6 +394,7 @@ TEST_F(FtpFaults, ManyFaultsLeakNothing) {
     ftpCloseSession();
   }
   EXPECT_EQ(openDescriptors(), before);
+  Transfer::limits() = usual_;
   faults("");
   ASSERT_EQ(open(), 0);
   EXPECT_EQ(upload("a/z.jpg", data), 0);
