@@ -244,6 +244,24 @@ test_the_mount_goes_with_what_serves_it() {
   stop_server
 }
 
+test_a_mount_that_nobody_serves_is_made_anew() {
+  needs_a_share
+  start_server
+  share_is
+  open_box
+  mount_share
+  local pid
+  for pid in $(serving); do kill -KILL "$pid"; done
+  eventually 3 nothing_serves
+  is_mounted || fail "it has gone by itself"
+  mount_share
+  in_three_seconds "a start"
+  in_box 'echo new >/smb/a' || fail "it can't be written to"
+  smb stop || fail "not unmounted"
+  nothing_is_left
+  stop_server
+}
+
 test_many_starts_at_once_mount_once() {
   needs_a_share
   start_server

@@ -237,7 +237,10 @@ failed_recently() {
 start() {
   lock || return 1
   rm -f "$run/stop"
-  ! mounted || return 0
+  if mounted; then
+    orphaned || return 0
+    detach
+  fi
   checksum=$(cksum <"$config")
   if failed_recently; then return 1; fi
   tidy
@@ -253,6 +256,9 @@ start() {
   say "$problem"
   return 1
 }
+
+# orphaned: true iff our mount is served by nobody, since sharefs and its guard were killed together.
+orphaned() { [ "$(cat "$run/mounted" 2>/dev/null)" = sharefs ] && ! runs helper sharefs; }
 
 # detach: unmounts, whatever the server does.
 detach() {
