@@ -444,8 +444,9 @@ test_a_share_that_is_too_slow_costs_pictures_up_to_a_key_picture() {
   needs_a_share
   needs_boxes
   start_server
+  configure Buffers VideoFrames 8
   start_recorder server K310
-  settle ipratio 2
+  settle ipratio 14
   dump_stream
   record
   kill -USR1 "$server"
@@ -453,7 +454,7 @@ test_a_share_that_is_too_slow_costs_pictures_up_to_a_key_picture() {
   kill -USR2 "$server"
   local size
   size=$(size_of "$film")
-  eventually 8 grown "$film" $((size + 400000))
+  eventually 8 grown "$film" $((size + 100000))
   ends_in_time
   end_dump
   is_closed "$film"
