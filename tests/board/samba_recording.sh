@@ -385,8 +385,9 @@ test_a_server_that_goes_and_comes_back() {
   record
   stop_server
   lost_while_recording 0
-  # It is asked for while it is away.
+  # It is asked for while it is away, before anybody has looked and after that.
   camctl trigger web1
+  eventually 5 more_events 523 0
   rebuild_events
   camctl trigger web1
   start_server "$port"
