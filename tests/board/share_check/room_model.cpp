@@ -9,7 +9,6 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <set>
 
 #include "tests/avi_check/avi_report.h"
@@ -22,20 +21,29 @@ namespace {
 constexpr char kRecordings[] = "/smb/camera/";
 constexpr std::uint64_t kSlack = 64 << 10;  // of blocks, of an index, of a folder
 
+constexpr char kDigits[] = "0123456789";
+
 // Returns the day that a path lies in, as "/smb/camera/20261121"; empty: in none.
 std::string dayOf(const std::string& path) {
-  static const std::regex day("(/smb/camera/[0-9]{8})/.*");
-  std::smatch parts;
-  return std::regex_match(path, parts, day) ? parts[1].str() : "";
+  constexpr std::size_t kBegin = sizeof kRecordings - 1;
+  constexpr std::size_t kEnd = kBegin + 8;
+  if (path.compare(0, kBegin, kRecordings) != 0) return "";
+  return path.find_first_not_of(kDigits, kBegin) == kEnd && path[kEnd] == '/' ? path.substr(0, kEnd)
+                                                                              : "";
 }
 
-// What orders the recordings of a day; empty: it is none.
+// What orders the recordings of a day: "120000-7.avi" comes behind "120000.avi". Empty: it is none.
 std::string orderOf(const std::string& path) {
-  static const std::regex name(".*/([0-9]{6})(-([0-9]+))?\\.(avi|raw)");
-  std::smatch parts;
-  if (!std::regex_match(path, parts, name)) return "";
-  const std::string number = parts[3].str();
-  return parts[1].str() + std::string(10 - number.size(), '0') + number;
+  const std::string name = path.substr(path.rfind('/') + 1);
+  const std::size_t point = name.find('.');
+  const std::size_t time = std::min(name.find_first_not_of(kDigits), name.size());
+  if (time != 6 || point == std::string::npos) return "";
+  if (name.substr(point) != ".avi" && name.substr(point) != ".raw") return "";
+  if (point == time) return name.substr(0, time) + std::string(10, '0');
+  const std::string number = name.substr(time + 1, point - time - 1);
+  if (name[time] != '-' || number.empty() || number.find_first_not_of(kDigits) != std::string::npos)
+    return "";
+  return name.substr(0, time) + std::string(10 - number.size(), '0') + number;
 }
 
 std::string dayOfNow() {
