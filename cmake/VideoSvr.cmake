@@ -38,6 +38,11 @@ function(vs_library name)
   endif()
 endfunction()
 
+set(VS_TEST_OPTIONS -O0)
+if(VS_SANITIZE)
+  list(APPEND VS_TEST_OPTIONS -fno-sanitize=undefined)
+endif()
+
 # vs_test(NAME SOURCES file... LINKS library... [LABELS label...]): a GoogleTest program, one CTest test
 # per test case, each in a process of its own.
 function(vs_test name)
@@ -47,8 +52,11 @@ function(vs_test name)
   endif()
   add_executable(${name} ${TEST_SOURCES})
   target_link_libraries(${name} PRIVATE platform ${TEST_LINKS} gmock_main)
-  # The test cases alone, not what they test: with sanitizers, optimising them takes three times as long.
-  target_compile_options(${name} PRIVATE -O0)
+  # The test cases alone, not what they test: with sanitizers, optimising and watching them takes three
+  # times as long.
+  target_compile_options(${name} PRIVATE ${VS_TEST_OPTIONS})
+  # The headers of the test framework and the heaviest of the library's are read once per build.
+  target_precompile_headers(${name} REUSE_FROM test_headers)
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
                        PROPERTIES LABELS "${TEST_LABELS}" TIMEOUT ${TEST_TIMEOUT})
 endfunction()

@@ -1,0 +1,1 @@
+// Nothing: what counts are the headers that are compiled with it.
