@@ -14,7 +14,8 @@ find_package(Threads REQUIRED)
 target_link_libraries(vs_options INTERFACE Threads::Threads)
 
 if(VS_SANITIZE)
-  add_compile_options(-fsanitize=${VS_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  # Lines are all of the debugging information that a report needs, and cost less to build.
+  add_compile_options(-g1 -fsanitize=${VS_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${VS_SANITIZE})
   if(VS_SANITIZE STREQUAL "thread")
     add_compile_options(-Wno-tsan)  # it warns of fences; the code that uses them says how it copes
@@ -29,7 +30,7 @@ function(vs_library name)
   add_library(${name} STATIC ${LIB_SOURCES})
   target_link_libraries(${name} PUBLIC platform ${LIB_LINKS})
   set_property(GLOBAL APPEND PROPERTY VS_LAYERS ${name})
-  if(VS_DAEMON)
+  if(VS_DAEMON AND NOT VS_SANITIZE)
     add_executable(linkcheck_${name} ${PROJECT_SOURCE_DIR}/cmake/linkcheck.cpp)
     target_link_options(linkcheck_${name} PRIVATE
                         -Wl,--whole-archive $<TARGET_FILE:${name}> -Wl,--no-whole-archive)
