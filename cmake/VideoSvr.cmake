@@ -44,10 +44,11 @@ if(VS_SANITIZE)
   list(APPEND VS_TEST_OPTIONS -fno-sanitize=undefined)
 endif()
 
-# vs_test(NAME SOURCES file... LINKS library... [LABELS label...]): a GoogleTest program, one CTest test
-# per test case, each in a process of its own.
+# vs_test(NAME SOURCES file... LINKS library... [LABELS label...] [ONE_THREAD]): a GoogleTest program, one
+# CTest test per test case, each in a process of its own. ONE_THREAD: neither the test nor what it tests
+# has a second one, so that it is left out where races are watched.
 function(vs_test name)
-  cmake_parse_arguments(TEST "" "TIMEOUT" "SOURCES;LINKS;LABELS" ${ARGN})
+  cmake_parse_arguments(TEST "ONE_THREAD" "TIMEOUT" "SOURCES;LINKS;LABELS" ${ARGN})
   if(NOT TEST_TIMEOUT)
     set(TEST_TIMEOUT 300)
   endif()
@@ -58,6 +59,10 @@ function(vs_test name)
   target_compile_options(${name} PRIVATE ${VS_TEST_OPTIONS})
   # The headers of the test framework and the heaviest of the library's are read once per build.
   target_precompile_headers(${name} REUSE_FROM test_headers)
+  if(TEST_ONE_THREAD AND VS_SANITIZE STREQUAL "thread")
+    set_property(TARGET ${name} PROPERTY EXCLUDE_FROM_ALL ON)
+    return()
+  endif()
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
                        PROPERTIES LABELS "${TEST_LABELS}" TIMEOUT ${TEST_TIMEOUT})
 endfunction()

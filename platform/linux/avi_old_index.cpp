@@ -43,7 +43,7 @@ bool AviOldIndex::makeBlock(const AviBlock& block, std::uint32_t* left, std::int
   const auto shift = static_cast<std::uint32_t>(base) - kChunkHead - (kAviMovi + kChunkHead);
   for (std::uint32_t done = 0; *left > 0 && done < block.frames;) {
     const std::uint32_t count = std::min({block.frames - done, kEntries, *left});
-    const long bytes = static_cast<long>(count * kAviBlockEntry);
+    const long bytes = static_cast<long>(count) * static_cast<long>(kAviBlockEntry);
     const std::int64_t from = base + kAviBlockHead + std::int64_t{done} * kAviBlockEntry;
     const long got = readAt(fd_, entries_, static_cast<std::size_t>(bytes), from);
     if (got >= 0 && got < bytes) errno = EIO;  // somebody has cut the file

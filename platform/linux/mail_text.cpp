@@ -182,7 +182,7 @@ std::string mailUtf8(const char* text) {
 std::string mailSubject(const std::string& text) {
   constexpr std::size_t kPlain = kLineLength - 9;  // "Subject: "
   constexpr std::size_t kWord = 39;  // bytes that a word of the first line has room for in base64
-  const std::string clean = withoutControls(text, ' ');
+  std::string clean = withoutControls(text, ' ');
   const bool trimmed = clean.empty() || (clean.front() != ' ' && clean.back() != ' ');
   if (isAscii(clean) && trimmed && clean.size() <= kPlain && clean.find("=?") == clean.npos)
     return clean;

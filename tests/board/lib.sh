@@ -163,6 +163,38 @@ start_model() {
   eventually 10 has_frames
 }
 
+# watch_polls: notes in $work/polls when the daemon's main loop reads the digital input, and in $work/paces
+# how well a shell that only sleeps as long keeps time on this machine meanwhile.
+watch_polls() {
+  "$root/tests/board/open_times" "$board/run/camera/io/input" >"$work/polls" &
+  watchers=($!)
+  while :; do
+    date +%s%3N
+    sleep 0.3
+  done >"$work/paces" &
+  watchers+=($!)
+  boxes+=("${watchers[@]}")
+}
+
+# usual_gap FILE: 99 of 100 times in it come within so many ms of the one before.
+usual_gap() {
+  awk 'NR > 1 {print $1 - last} {last = $1}' "$1" | sort -n |
+    awk '{gap[NR] = $1} END {print gap[1 + int((NR - 1) * 0.99)]}'
+}
+
+# polls_in_time LEAST: the digital input was read often enough since watch_polls, and LEAST times. A machine
+# that keeps everybody waiting makes the daemon wait as well.
+polls_in_time() {
+  local late limit
+  late=$(usual_gap "$work/polls")
+  limit=$(($(usual_gap "$work/paces") + 40))
+  [ "$limit" -ge 350 ] || limit=350
+  kill "${watchers[@]}"
+  echo "99 of 100 polls come within $late ms; limit $limit ms"
+  [ "$(wc -l <"$work/polls")" -ge "$1" ] || fail "too few polls"
+  [ "$late" -le "$limit" ] || fail "polls of the input: $late ms, limit $limit ms"
+}
+
 # configure SECTION KEY VALUE: sets it in the board's /etc/camera.conf.
 configure() {
   local file=$board/etc/camera.conf

@@ -344,20 +344,6 @@ is_bare() { ! is_mounted; }
 blocked() { grep -l '^State:.*D' "/proc/$daemon"/task/*/status 2>/dev/null || true; }
 nobody_is_blocked() { [ -z "$(blocked)" ]; }
 
-# watch_polls: notes in $work/polls when the input is read.
-watch_polls() {
-  "$here/open_times" "$board/run/camera/io/input" >"$work/polls" &
-  polls=$!
-  boxes+=("$polls")
-}
-# polls_in_time: at most one of a hundred comes late (of less than a hundred, one).
-polls_in_time() {
-  end_process "$polls" 5
-  local late
-  late=$(awk 'NR > 1 && $1 - last > 350 {++n} {last = $1} END {print NR < 8 ? "too few" : n - int((NR + 99) / 100)}' "$work/polls")
-  [ "$late" -le 0 ] || fail "polls: $(awk 'NR > 1 {print $1 - last} {last = $1}' "$work/polls" | sort -n | tail -n 5 | tr '\n' ' ')"
-}
-
 # comes_back: nothing is recorded until the events have been built anew, and then with the first event.
 comes_back() {
   local before
@@ -433,7 +419,7 @@ test_a_server_that_hangs_and_goes_on() {
   watch_polls
   kill -USR1 "$server"
   lost_while_recording 0
-  polls_in_time
+  polls_in_time 8
   kill -USR2 "$server"
   share_is '# changed'
   comes_back

@@ -39,8 +39,17 @@ std::string tell(const TEventConfig& config) {
   if (config.access) {
     out << "  access\n";
   }
+  if (config.mail) {
+    out << "  mail, 0 s\n";
+  }
   if (config.usb) {
     out << "  record USB, 0 s\n";
+  }
+  if (config.ftp) {
+    out << "  upload, " << config.ftpDuration << " s\n";
+  }
+  if (config.smb) {
+    out << "  record Samba, " << config.smbDuration << " s\n";
   }
   return out.str();
 }
