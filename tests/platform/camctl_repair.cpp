@@ -35,7 +35,7 @@ class CamctlRepair : public testing::Test {
   // Records and cuts in the middle of the last picture but one.
   void recordAndCut(const std::string& name) {
     record(name);
-    const AviPicture& last = checkAvi(path(name), false).pictures.at(28);
+    const AviPicture last = checkAvi(path(name), false).pictures.at(28);
     std::filesystem::resize_file(path(name), last.at + 20);
   }
   std::size_t picturesOfClosed(const std::string& name) {
