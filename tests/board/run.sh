@@ -86,7 +86,9 @@ begin_run() {
     >"$work/shown" 2>&1 &
   script=$!
   boxes+=("$script")
-  eventually 30 grep -q frames/s "$work/shown"
+  shows_or_ended() { grep -q frames/s "$work/shown" || is_gone "$script"; }
+  eventually 30 shows_or_ended
+  ! is_gone "$script" || fail "$(cat "$work/shown")"
   pids=$(cat "$work/run/run/video_svr.pid" "$work/run/run/socmond.pid")
 }
 
