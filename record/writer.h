@@ -52,6 +52,6 @@ class TWriter {
 
   std::array<std::atomic<const void*>, kClients> clients_{};  // null: free
   std::uint32_t sequence_ = 0;
-  long timeout_;
+  [[maybe_unused]] long timeout_;
   TDateTime last_;  // of the last frame written
 };

@@ -86,7 +86,7 @@ void writeLine(int level, const char* text) {
   } kLevels[] = {{LOG_NOTICE, "notice"}, {LOG_WARNING, "warning"}, {LOG_ERR, "error"}};
   const auto& known = kLevels[std::clamp(level, 1, 3) - 1];
   char line[kLineLength + 100];
-  const auto lengthOf = [&line](int printed) {
+  const auto lengthOf = [](int printed) {
     return std::min(static_cast<std::size_t>(printed), sizeof line - 1);
   };
   if (theLog.socket >= 0) {

@@ -38,7 +38,8 @@ Fd createNewFile(const char* path, char* name, int size) {
   }
   const int above = static_cast<int>(std::strlen(path) - std::strlen(last));
   const char* const dot = std::strrchr(last, '.');
-  const int stem = static_cast<int>(dot != nullptr && dot != last ? dot - last : std::strlen(last));
+  const char* const end = dot != nullptr && dot != last ? dot : last + std::strlen(last);
+  const int stem = static_cast<int>(end - last);
   for (int number = 0; number < kMostNames; ++number) {
     char suffix[12] = "";
     if (number > 0) std::snprintf(suffix, sizeof suffix, "-%d", number);
