@@ -72,7 +72,7 @@ class AviFile {
 
   static constexpr std::uint32_t kBuffer = 65536;
   // Copying what is shorter costs less than the calls for it alone and for its size.
-  static constexpr std::uint32_t kDirect = 32768;
+  static constexpr std::uint32_t kDirect = 8192;
   static constexpr int kPending = 1024;
   // Far above any picture: a RIFF with one more of them still has a size below 2 GiB.
   static constexpr std::uint32_t kLongestPicture = std::uint32_t{1} << 28;
