@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "platform/linux/printable.h"
 #include "platform/linux/root.h"
 #include "platform/log.h"
 
@@ -71,13 +72,26 @@ Fd openRoot(const char* path) {
                  O_PATH | O_DIRECTORY | O_CLOEXEC));
 }
 
+// Opens the folders of `path` one in the other; the last part, which `name` becomes, iff `wholly`.
+Fd walkDown(const char* path, Walk walk, bool wholly, char (&name)[NAME_MAX + 1]) {
+  Fd folder = openRoot(path);
+  const char* part = path;
+  for (int depth = 0; folder.valid();) {
+    part = takePart(part + std::strspn(part, "/"), name);
+    if (part == nullptr) return Fd();
+    if (wholly ? *name == '\0' : *part == '\0') break;
+    if (std::strcmp(name, ".") == 0) continue;
+    folder = step(folder.get(), name, depth++, walk);
+  }
+  return folder;
+}
+
 }  // namespace
 
 bool isSafePath(const char* path) {
   const char* part = path;
   for (const char* c = path;; ++c) {
-    const auto byte = static_cast<unsigned char>(*c);
-    if (*c != '\0' && (byte < ' ' || byte == 0x7f)) return false;
+    if (*c != '\0' && isControl(*c)) return false;
     if (*c != '/' && *c != '\0') continue;
     if (c - part == 2 && part[0] == '.' && part[1] == '.') return false;
     if (*c == '\0') return true;
@@ -89,8 +103,7 @@ int refusePath(const char* path) {
   char shown[256];
   std::size_t length = 0;
   for (; path[length] != '\0' && length < sizeof shown - 1; ++length) {
-    const auto byte = static_cast<unsigned char>(path[length]);
-    shown[length] = byte < ' ' || byte == 0x7f ? '?' : path[length];
+    shown[length] = isControl(path[length]) ? '?' : path[length];
   }
   shown[length] = '\0';
   logEx(2, "unsafe path refused: %s", shown);
@@ -99,28 +112,10 @@ int refusePath(const char* path) {
 }
 
 Fd openFolderOf(const char* path, Walk walk, char (&name)[NAME_MAX + 1]) {
-  Fd folder = openRoot(path);
-  const char* part = path;
-  for (int depth = 0; folder.valid();) {
-    part = takePart(part + std::strspn(part, "/"), name);
-    if (part == nullptr) return Fd();
-    if (*part == '\0') break;
-    if (std::strcmp(name, ".") == 0) continue;
-    folder = step(folder.get(), name, depth++, walk);
-  }
-  return folder;
+  return walkDown(path, walk, false, name);
 }
 
 Fd openFolder(const char* path, Walk walk) {
-  Fd folder = openRoot(path);
-  const char* part = path;
-  for (int depth = 0; folder.valid();) {
-    char name[NAME_MAX + 1];
-    part = takePart(part + std::strspn(part, "/"), name);
-    if (part == nullptr) return Fd();
-    if (*name == '\0') break;
-    if (std::strcmp(name, ".") == 0) continue;
-    folder = step(folder.get(), name, depth++, walk);
-  }
-  return folder;
+  char name[NAME_MAX + 1];
+  return walkDown(path, walk, true, name);
 }
