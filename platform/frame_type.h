@@ -7,3 +7,8 @@ constexpr char kTypePredicted = 'P';
 constexpr char kTypeKeyMore = 'i';
 constexpr char kTypePredictedMore = 'p';
 constexpr char kTypeJpeg = 'J';  // a whole picture
+
+// Returns true iff such a chunk goes on with the picture of the one before.
+constexpr bool goesOnWithPicture(char type) {
+  return type == kTypeKeyMore || type == kTypePredictedMore;
+}

@@ -107,7 +107,7 @@ void TSmbRecorder::finishPicture(const SB_FRAME& frame) {
   TChunkReader chunks(frame.payload, length, largestPayload());
   TChunk chunk;
   while (file_.open && chunks.next(&chunk)) {
-    if (chunk.type != kTypeKeyMore && chunk.type != kTypePredictedMore) return;
+    if (!goesOnWithPicture(chunk.type)) return;
     file_.type = chunk.type;
     if (!fits(chunk.type) || !write(chunk.data, chunk.length)) return;
   }
@@ -139,7 +139,7 @@ bool TSmbRecorder::store(const TChunk& chunk) {
   file_.type = chunk.type;
   if (drop_.dropzone() || !file_.open || !fits(chunk.type)) return true;
   if (!write(chunk.data, chunk.length)) return onDiskfull(true);
-  if (chunk.type != kTypeKeyMore && chunk.type != kTypePredictedMore) ++frames_;
+  if (!goesOnWithPicture(chunk.type)) ++frames_;
   return true;
 }
 

@@ -13,9 +13,6 @@
 
 namespace {
 
-constexpr std::uint32_t kRateScale = 1000;
-constexpr std::uint32_t kUsualRate = 25 * kRateScale;  // until it is known
-
 bool fail(int error) {
   errno = error;
   return false;
@@ -31,7 +28,7 @@ void AviFile::open(Fd file, std::int32_t rate) {
   file_ = std::move(file);
   end_ = 0;
   restart();
-  head_.totals.rate = rate > 0 ? static_cast<std::uint32_t>(rate) : kUsualRate;
+  head_.totals.rate = rate > 0 ? static_cast<std::uint32_t>(rate) : kAviUsualRate;
 }
 
 // Back to the file without anything.
@@ -40,7 +37,7 @@ void AviFile::restart() {
   started_ = inPicture_ = padded_ = indexed_ = false;
   goesOn_ = '\0';
   head_ = AviHead();
-  head_.totals.scale = kRateScale;
+  head_.totals.scale = kAviRateScale;
   head_.totals.rate = rate;
   used_ = frames_ = riffFrames_ = 0;
   payload_ = riff_ = 0;
@@ -51,7 +48,7 @@ void AviFile::restart() {
 }
 
 bool AviFile::write(char type, const char* header, const char* data, long length) {
-  const bool more = type == kTypeKeyMore || type == kTypePredictedMore;
+  const bool more = goesOnWithPicture(type);
   if (!file_.valid()) return fail(EBADF);
   if (!more && type != kTypeKey && type != kTypePredicted && type != kTypeJpeg) return fail(EINVAL);
   if (length < 1) return fail(EINVAL);

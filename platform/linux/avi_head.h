@@ -19,6 +19,9 @@ constexpr std::uint32_t kAviBlockCount = 12;      // where in it the number of e
 constexpr std::uint32_t kAviNotKey = 0x80000000;  // flag in the size
 constexpr std::uint32_t kAviNextHead = 2 * kListHead;  // what every further RIFF begins with
 
+constexpr std::uint32_t kAviRateScale = 1000;                // a rate is pictures in 1000 s
+constexpr std::uint32_t kAviUsualRate = 25 * kAviRateScale;  // until it is known
+
 // A block of the index; its `frames` are those that can be looked up in it.
 struct AviBlock {
   std::uint64_t at = 0;

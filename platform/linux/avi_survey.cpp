@@ -16,8 +16,6 @@ constexpr std::int64_t kLongestRiff = 0xffff0000;  // a size is a word, and so i
 // What the writer can leave behind is shorter by far. Not to look on keeps a file that is something
 // else by now from being cut.
 constexpr std::int64_t kLongestDamage = std::int64_t{1} << 29;
-constexpr std::uint32_t kRateScale = 1000;
-constexpr std::uint32_t kUsualRate = 25 * kRateScale;
 constexpr char kSkipped[] = "JUNK";
 
 std::int64_t chunkEnd(std::int64_t at, std::uint32_t length) {
@@ -39,9 +37,9 @@ void AviSurvey::begin(Pass pass) {
   head_.stream = told_.stream;
   head_.totals.scale = told_.totals.scale;
   head_.totals.rate = told_.totals.rate;
-  if (head_.totals.scale != kRateScale || head_.totals.rate == 0) {
-    head_.totals.scale = kRateScale;
-    head_.totals.rate = kUsualRate;
+  if (head_.totals.scale != kAviRateScale || head_.totals.rate == 0) {
+    head_.totals.scale = kAviRateScale;
+    head_.totals.rate = kAviUsualRate;
   }
   if (told_.totals.longest <= kLongestPicture) head_.totals.longest = told_.totals.longest;
   payload_ = tail_ = riff_ = oldIndexAt_ = oldIndexBytes_ = 0;
