@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <cstdint>
 
+constexpr int kLastPort = 65535;
+
 // TLS as the keys "Verify" and "CaFile" say.
 struct TlsSettings {
   bool verify = true;

@@ -7,7 +7,6 @@
 namespace {
 
 constexpr int kFtpPort = 21;
-constexpr int kLastPort = 65535;
 
 // Returns true iff recorders can use the parts of the names, which they take by slash(). One that
 // they had to leave out would send the uploads elsewhere.

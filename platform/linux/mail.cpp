@@ -24,7 +24,6 @@
 
 namespace {
 
-constexpr int kLastPort = 65535;
 constexpr char kFirstRefusal = '4';  // of the digits that a server's answer may begin with
 constexpr std::size_t kReplyLength = 200;
 

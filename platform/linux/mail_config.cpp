@@ -14,7 +14,6 @@ namespace {
 
 constexpr std::size_t kLineSize = 256;  // longer than any line of the file
 constexpr int kSmtpPort = 25;
-constexpr int kLastPort = 65535;
 
 }  // namespace
 
