@@ -369,13 +369,17 @@ lost_while_recording() {
 }
 frames_beyond() { [ "$(slot frame-count)" -gt "$1" ]; }
 
-test_a_server_that_goes_and_comes_back() {
+record_to_a_watched_server() {
   needs_a_share
   needs_boxes
   start_server
   start_recorder server B520
   watch_bare_folder
   record
+}
+
+test_a_server_that_goes_and_comes_back() {
+  record_to_a_watched_server
   stop_server
   lost_while_recording 0
   # It is asked for while it is away, before anybody has looked and after that.
@@ -410,12 +414,7 @@ is_cut_and_repaired() {
 }
 
 test_a_server_that_hangs_and_goes_on() {
-  needs_a_share
-  needs_boxes
-  start_server
-  start_recorder server B520
-  watch_bare_folder
-  record
+  record_to_a_watched_server
   watch_polls
   kill -USR1 "$server"
   lost_while_recording 0

@@ -11,7 +11,7 @@ namespace fs = std::filesystem;
 namespace {
 
 // Runs a shell command, which must succeed.
-std::string outputOf(const std::string& command) {
+std::string mustRun(const std::string& command) {
   FILE* const output = popen(command.c_str(), "r");
   std::string text;
   for (int c = 0; (c = std::fgetc(output)) != EOF;) text += static_cast<char>(c);
@@ -100,12 +100,12 @@ std::string MailTest::envelope(int number) const { return readFile(file(number, 
 std::string MailTest::judged(int first, int last) const {
   std::string command = VS_SOURCE_DIR "/tests/mail_check";
   for (int number = first; number <= last; ++number) command += " " + file(number, "eml");
-  return outputOf(command);
+  return mustRun(command);
 }
 
 std::string MailTest::digest(const std::string& data) const {
   writeFile(root_.path("/data"), data);
-  return outputOf("sha256sum " + root_.path("/data")).substr(0, 64);
+  return mustRun("sha256sum " + root_.path("/data")).substr(0, 64);
 }
 
 std::string MailTest::commands() const { return readFile(root_.path("/commands")); }

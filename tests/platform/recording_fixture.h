@@ -103,6 +103,3 @@ struct Played {
 };
 enum class Play { kPackets, kDecode };
 Played play(const std::string& file, const Film& film, Play how = Play::kPackets);
-
-// Returns what a command writes to standard output and error, and its exit status unless it is 0.
-std::string outputOf(const std::string& command);

@@ -34,6 +34,17 @@ namespace {
 constexpr auto kPatience = std::chrono::seconds(20);
 }  // namespace
 
+std::string outputOf(const std::string& command) {
+  std::string output;
+  FILE* const pipe = popen((command + " 2>&1").c_str(), "re");
+  if (pipe == nullptr) return "no shell";
+  char block[4096];
+  for (std::size_t n = 0; (n = std::fread(block, 1, sizeof block, pipe)) > 0;)
+    output.append(block, n);
+  const int status = pclose(pipe);
+  return status == 0 ? output : output + " status " + std::to_string(status);
+}
+
 bool eventually(const std::function<bool()>& condition) {
   const auto end = std::chrono::steady_clock::now() + kPatience;
   while (!condition()) {

@@ -11,6 +11,9 @@
 // Waits until `condition` holds, 20 s at the most. Returns whether it does.
 bool eventually(const std::function<bool()>& condition);
 
+// Returns what a command writes to standard output and error, and its exit status unless it is 0.
+std::string outputOf(const std::string& command);
+
 // Calls `action(caller, n)` for n below `times` on several threads that begin at the same instant.
 void atOnce(int callers, int times, const std::function<void(int, int)>& action);
 
