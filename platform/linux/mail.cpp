@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -92,7 +93,12 @@ class List {
 // What makes this mail one of its own.
 std::string makeId() {
   std::array<unsigned char, 16> bytes{};
-  getrandom(bytes.data(), bytes.size(), GRND_NONBLOCK);
+  if (getrandom(bytes.data(), bytes.size(), GRND_NONBLOCK) != static_cast<ssize_t>(bytes.size())) {
+    // A board that has just started may have no random numbers yet; then the time tells mails
+    // apart.
+    const auto now = std::chrono::system_clock::now().time_since_epoch().count();
+    std::memcpy(bytes.data(), &now, sizeof now);
+  }
   std::string id;
   for (const unsigned char byte : bytes) {
     constexpr char kDigits[] = "0123456789abcdef";
