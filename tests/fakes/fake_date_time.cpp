@@ -1,4 +1,4 @@
-// Points in time on the virtual clock, with the host's own rules for time zones.
+// Points in time and timers on the virtual clock, with the host's own rules for time zones.
 #include <cstdio>
 #include <ctime>
 #include <limits>
@@ -126,6 +126,10 @@ std::string TDateTime::getTimeString() const {
 
 TDateTime TDateTime::sod() { return onReferenceDay(0, 0, 0); }
 TDateTime TDateTime::eod() { return onReferenceDay(23, 59, 59); }
+
+std::uint32_t monotonicMs() {
+  return static_cast<std::uint32_t>(FakePlatform::the().clock.monotonicUs() / 1000);
+}
 
 TTimer::TTimer(long seconds) { reset(seconds); }
 

@@ -5,7 +5,6 @@
 
 #include "platform/application.h"
 #include "platform/os.h"
-#include "platform/timer.h"
 #include "tests/fakes/fake_platform.h"
 #include "tests/fakes/fake_seam.h"
 
@@ -166,7 +165,3 @@ int usleep(unsigned long microseconds) {
 }
 
 }  // namespace os
-
-std::uint32_t monotonicMs() {
-  return static_cast<std::uint32_t>(FakePlatform::the().clock.monotonicUs() / 1000);
-}
