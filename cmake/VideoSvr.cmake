@@ -2,6 +2,7 @@
 
 option(VS_DAEMON "build what needs third-party libraries: the daemon, camctl, board tests" ON)
 set(VS_SANITIZE "" CACHE STRING "value of -fsanitize, empty for none")
+option(VS_COVERAGE "count which lines of the daemon run: see scripts/coverage" OFF)
 
 add_library(vs_options INTERFACE)
 target_compile_features(vs_options INTERFACE cxx_std_17)
@@ -42,7 +43,11 @@ function(vs_library name)
   add_library(${name} STATIC ${LIB_SOURCES})
   target_link_libraries(${name} PUBLIC platform ${LIB_LINKS})
   set_property(GLOBAL APPEND PROPERTY VS_LAYERS ${name})
-  if(VS_DAEMON AND NOT VS_SANITIZE)
+  if(VS_COVERAGE)  # of the layers alone, as they are written, with counts that threads may share
+    target_compile_options(${name} PRIVATE --coverage -fprofile-update=atomic -O0 -U_FORTIFY_SOURCE)
+    target_link_options(${name} PUBLIC --coverage)
+  endif()
+  if(VS_DAEMON AND NOT VS_SANITIZE AND NOT VS_COVERAGE)
     add_executable(linkcheck_${name} ${PROJECT_SOURCE_DIR}/cmake/linkcheck.cpp)
     target_link_options(linkcheck_${name} PRIVATE
                         -Wl,--whole-archive $<TARGET_FILE:${name}> -Wl,--no-whole-archive)

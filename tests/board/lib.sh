@@ -55,6 +55,7 @@ tear_down() {
   [ ${#boxes[@]} -eq 0 ] || kill -KILL "${boxes[@]}" 2>/dev/null
   wait 2>/dev/null
   for one in "$work"/*/.board; do
+    [ -z "${VS_COVERAGE:-}" ] || keep_counts "${one%/.board}/var/log/camera/counts$build"
     "$root/board/remove" "${one%/.board}"
   done
   chmod -R u+w "$work"
@@ -63,6 +64,19 @@ tear_down() {
 }
 
 sanitizer_reports() { cat "$board"/var/log/camera/sanitizer* 2>/dev/null; }
+
+# keep_counts FOLDER: adds what daemons have counted there to what scripts/coverage has.
+keep_counts() {
+  [ -d "$1" ] || return 0
+  (
+    flock 9
+    if [ -d "$VS_COVERAGE/events" ]; then
+      gcov-tool merge "$VS_COVERAGE" "$1" -o "$VS_COVERAGE"
+    else
+      cp -r -- "$1"/. "$VS_COVERAGE"
+    fi
+  ) 9>"$VS_COVERAGE.lock" >/dev/null
+}
 
 # The end of every test: nothing that a sanitizer or the daemon itself would complain about.
 check_clean() {
@@ -102,6 +116,7 @@ launch() {
     ASAN_OPTIONS=log_path=/var/log/camera/sanitizer:detect_stack_use_after_return=1 \
     UBSAN_OPTIONS=log_path=/var/log/camera/sanitizer:print_stacktrace=1 \
     TSAN_OPTIONS=log_path=/var/log/camera/sanitizer \
+    GCOV_PREFIX=/var/log/camera/counts \
     "$root/board/enter" --usb "$usb" --smb "$smb" "${arguments[@]}" "$board" "$@" >>"$work/output" 2>>"$log" </dev/null &
   box=$!
   boxes+=("$box")
