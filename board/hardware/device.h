@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "board/hardware/picture_count.h"
+
 // One device, as its driver's requests reach it. Any thread: each opened node has its own.
 class Device {
  public:
@@ -24,4 +26,7 @@ class Device {
 
   // The last of its opened nodes was closed.
   virtual void closed() {}
+
+  // What it has counted, null when it counts nothing. Lives as long as the device.
+  virtual const PictureCount* count() const { return nullptr; }
 };

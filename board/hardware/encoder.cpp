@@ -41,6 +41,7 @@ struct Encoder::Parts {
   bool makePictureNow();
   void lookInto(AVFrame* picture);
 
+  PictureCount count;
   World* const world;    // not owned
   Sensor* const sensor;  // not owned
   Pace* const pace;      // not owned
@@ -53,6 +54,7 @@ struct Encoder::Parts {
   OverlayLayer label;
   bool running = false;
   unsigned starts = 0;
+  bool first = true;  // no picture has been fetched since the start, which nobody is late for
   bool keyNext = true;
   int sinceKey = 0;
   std::int64_t dueMs = 0;    // of the next picture
@@ -102,6 +104,7 @@ void Encoder::Parts::start() {
   // Who starts what runs already is somebody new: the one before has gone without a word.
   if (running) taken = coded.size();
   ++starts;
+  first = true;
   keyNext = true;
   dueMs = pace->nowMs();
 }
@@ -117,7 +120,10 @@ bool Encoder::Parts::waitForPicture(std::unique_lock<std::mutex>* lock) {
     if (running && now >= due) {
       // What is overdue is left out; later pictures keep their step.
       const std::int64_t period = settings.periodMs();
-      dueMs = due + ((now - due) / period + 1) * period;
+      const std::int64_t leftOut = (now - due) / period;
+      if (!first) count.missed += leftOut;
+      first = false;
+      dueMs = due + (leftOut + 1) * period;
       return makePictureNow();
     }
     if (!running && now >= giveUpMs) return false;
@@ -149,6 +155,7 @@ bool Encoder::Parts::makePictureNow() {
   } else {
     keyNext = false;
     sinceKey = key ? 0 : sinceKey + 1;
+    ++count.given;
   }
   codedSize = size;
   taken = 0;
@@ -203,6 +210,8 @@ void Encoder::closed() {
   const std::lock_guard<std::mutex> lock(parts.mutex);
   parts.taken = parts.coded.size();
 }
+
+const PictureCount* Encoder::count() const { return &parts_->count; }
 
 void Encoder::standardChanged() {
   Parts& parts = *parts_;

@@ -32,6 +32,7 @@ class Encoder : public Device {
   // the next. While the stream is stopped it waits up to a second and returns 0.
   int read(std::size_t limit, std::vector<char>* data) override;
   void closed() override;
+  const PictureCount* count() const override;
 
   // The standard of the inputs has changed: the picture's size, and with it the stream's header.
   // The inputs synchronise anew; no picture begins for kSynchroniseMs.

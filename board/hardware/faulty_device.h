@@ -14,6 +14,7 @@ class FaultyDevice : public Device {
   int ioctl(unsigned request, std::vector<char>* argument) override;
   int read(std::size_t limit, std::vector<char>* data) override;
   void closed() override { device_->closed(); }
+  const PictureCount* count() const override { return device_->count(); }
 
  private:
   const Node node_;

@@ -105,6 +105,9 @@ std::string NodeServer::describe() const {
     if (connection->chip == nullptr || connection->ended) continue;
     text += std::string("open ") + connection->chip->path;
     if (connection->owner != 0) text += ", SIGIO to " + std::to_string(connection->owner);
+    if (const PictureCount* const count = connection->chip->device->count())
+      text += ", " + std::to_string(count->given) + " pictures, " + std::to_string(count->missed) +
+              " missed";
     text += '\n';
   }
   return text;

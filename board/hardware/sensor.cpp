@@ -20,6 +20,7 @@ struct Sensor::Parts {
 
   World* world;
   Pace* pace;
+  PictureCount count;
 
   std::mutex settingsMutex;
   SensorSettings settings;
@@ -101,8 +102,12 @@ void Sensor::Parts::awaitPicture() {
   while (pace->nowMs() < lastDueMs + periodMs())
     pace->wait(lastDueMs + periodMs(), &rateChanged, &lock);
   const std::int64_t now = pace->nowMs();
+  const bool first = lastDueMs == 0;
   lastDueMs += periodMs();
-  if (now - lastDueMs >= periodMs()) lastDueMs = now;
+  const std::int64_t lateMs = now - lastDueMs;
+  if (lateMs < periodMs()) return;
+  if (!first) count.missed += lateMs / periodMs();
+  lastDueMs = now;
 }
 
 int Sensor::read(std::size_t limit, std::vector<char>* data) {
@@ -126,10 +131,13 @@ int Sensor::read(std::size_t limit, std::vector<char>* data) {
     picture = p.scaled.get();
   }
   if (!p.coder.encode(*picture, quality, &p.jpeg)) return -EIO;
+  ++p.count.given;
   data->assign(p.jpeg.begin(),
                p.jpeg.begin() + static_cast<std::ptrdiff_t>(std::min(limit, p.jpeg.size())));
   return static_cast<int>(data->size());
 }
+
+const PictureCount* Sensor::count() const { return &parts_->count; }
 
 void Sensor::capture(AVFrame* picture) {
   Parts& p = *parts_;

@@ -22,6 +22,7 @@ class Sensor : public Device {
   // One JPEG picture when the next is due by the rate, at once when it is overdue; one that is
   // longer than `limit` is cut off.
   int read(std::size_t limit, std::vector<char>* data) override;
+  const PictureCount* count() const override;
 
   // The picture that goes to the encoder: of the scene's size, with all settings and overlays.
   void capture(AVFrame* picture);

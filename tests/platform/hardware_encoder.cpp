@@ -143,6 +143,23 @@ TEST_F(HardwareEncoder, OverduePicturesAreLeftOutAndTheStepIsKept) {
   EXPECT_EQ(pace_.now, start + 1200);
 }
 
+TEST_F(HardwareEncoder, CountsWhatItGivesAndWhatALateReaderMisses) {
+  order(kMpg430SetMode, 10);
+  order(kMpg430SetFrate, 2);
+  pace_.now += 1000;
+  order(kMpg430StreamStart, 1);
+  pace_.now += 500;
+  picture();  // nobody is late for the first
+  pace_.now += 199;
+  picture();
+  EXPECT_EQ(encoder_.count()->given, 2);
+  EXPECT_EQ(encoder_.count()->missed, 0) << "less than a picture's time";
+  pace_.now += 230;
+  picture();
+  EXPECT_EQ(encoder_.count()->given, 3);
+  EXPECT_EQ(encoder_.count()->missed, 2);
+}
+
 TEST_F(HardwareEncoder, WhileStoppedAReadWaitsASecondForNothing) {
   std::vector<char> data;
   const std::int64_t start = pace_.now;

@@ -92,6 +92,8 @@ TEST_F(SensorReads, PicturesThatWereMissedAreNotMadeUpFor) {
   pace_.waits.clear();
   readJpeg();
   EXPECT_EQ(pace_.waits, std::vector<std::int64_t>{100});
+  EXPECT_EQ(sensor_.count()->given, 3);
+  EXPECT_EQ(sensor_.count()->missed, 49);
 }
 
 // The real time, which tells when somebody waits.
