@@ -1,6 +1,7 @@
 #include "platform/application.h"
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <signal.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -65,6 +66,11 @@ void fillStandardDescriptors() {
   if (fd >= 0) close(fd);
 }
 
+// One heap for all threads. With one for each few of them, as is the C library's way, every rebuild
+// of the events hands them out anew, and each grows to what the largest of its users ever needed.
+// Threads allocate too seldom to get into each other's way.
+void shareHeap() { mallopt(M_ARENA_MAX, 1); }
+
 int runHooks(TApplication& application) {
   if (!application.onInitial()) return 1;
   const bool ran = application.onRunning();
@@ -91,6 +97,7 @@ int TApplication::main(int count, char** values) {
     logEx(3, "no application object");
     return 1;
   }
+  shareHeap();
   fillStandardDescriptors();
   stopFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   if (stopFd < 0 || !startWatchdog(stopFd)) {

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -14,6 +15,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <future>
+#include <thread>
+#include <vector>
 
 #include "platform/linux/process_name.h"
 #include "platform/log.h"
@@ -73,6 +77,34 @@ TEST(Application, HooksAreCalledInTurn) {
   });
   EXPECT_EQ(child.wait(), 0);
   EXPECT_EQ(child.output(), "initial\nrunning\nrelease\n");
+}
+
+// Otherwise memory grows with the number of threads that there have ever been.
+TEST(Application, ThreadsShareOneHeap) {
+  Child child([] {
+    TestApplication application;
+    application.running = [] {
+      std::vector<std::thread> threads;
+      std::promise<void> allDone;
+      const std::shared_future<void> end = allDone.get_future().share();
+      std::vector<std::promise<void>> done(4);
+      for (auto& mine : done)
+        threads.emplace_back([&mine, end] {
+          const std::vector<char> memory(1000, 'x');
+          mine.set_value();
+          end.wait();
+        });
+      for (auto& one : done) one.get_future().wait();
+      malloc_info(0, stdout);
+      allDone.set_value();
+      for (auto& thread : threads) thread.join();
+      return true;
+    };
+    return runWith(application);
+  });
+  EXPECT_EQ(child.wait(), 0);
+  EXPECT_THAT(child.output(), HasSubstr("<heap nr=\"0\">"));
+  EXPECT_THAT(child.output(), Not(HasSubstr("<heap nr=\"1\">")));
 }
 
 TEST(Application, FailedStartEndsWithStatusOneAndNothingElse) {
