@@ -15,9 +15,12 @@ long write(int fd, const void* data, std::size_t size);
 long lseek(int fd, long offset, int whence);
 int ioctl(int fd, unsigned long request, void* argument);
 int close(int fd);
-int unlink(const char* path);
 int fcntl(int fd, int command, long argument);
 int getpid();
+
+// Removes the file `path`, which begins with a slash. Past its first part no symbolic link is
+// followed (ELOOP), and parts ".." are refused (EACCES), as by open2(). Any thread.
+int unlink(const char* path);
 
 // Calls `handler` whenever the process gets `signal`, on the main thread; calls that it interrupts
 // start over. Returns 0, or -1 with `errno` when there is no such signal. Thread: the main one.
@@ -32,8 +35,9 @@ int usleep(unsigned long microseconds);
 
 // Runs `command` by the shell and waits for it. The command starts with an empty signal mask,
 // default dispositions and no descriptor but 0 to 2. SIGINT and SIGTERM still reach the daemon
-// meanwhile. Returns the exit status as waitpid() gives it, -1 when no shell could be started. Any
-// thread.
+// meanwhile. Nothing but plain words is run, see platform/linux/plain_command.h: other lines log 2
+// "unsafe command refused: %s" and fail with EACCES. Returns the exit status as waitpid() gives it,
+// -1 when no shell could be started. Any thread.
 int system(const char* command);
 
 }  // namespace os

@@ -158,13 +158,15 @@ TEST(Application, WithoutAWatchdogNothingRuns) {
 }
 
 TEST(Application, MissingStandardDescriptorsAreFilled) {
-  Child child([] {
+  const TempRoot root;
+  const std::string look =
+      root.script("[ -e /proc/$$/fd/0 ] && [ -e /proc/$$/fd/1 ] && [ -e /proc/$$/fd/2 ]");
+  Child child([&look] {
     TestApplication application;
-    application.running = [] {
+    application.running = [&look] {
       for (int fd = 0; fd <= STDERR_FILENO; ++fd)
         if (fcntl(fd, F_GETFD) != 0) return false;
-      return os::system("[ -e /proc/$$/fd/0 ] && [ -e /proc/$$/fd/1 ] && [ -e /proc/$$/fd/2 ]") ==
-             0;
+      return os::system(look.c_str()) == 0;
     };
     for (int fd = 0; fd <= STDERR_FILENO; ++fd) close(fd);
     return runWith(application);
@@ -277,7 +279,7 @@ TEST(Application, WritingToAClosedPipeDoesNotEndIt) {
 TEST(Application, InterruptDuringACommandCounts) {
   const TempRoot root;
   const std::string wait =
-      "echo command; until [ -e " + root.path("/go") + " ]; do sleep 0.01; done";
+      root.script("echo command; until [ -e " + root.path("/go") + " ]; do sleep 0.01; done");
   Child child([&] {
     TestApplication application;
     application.running = [&] {

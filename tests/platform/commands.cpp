@@ -11,6 +11,7 @@
 #include <limits>
 #include <thread>
 
+#include "platform/linux/plain_command.h"
 #include "platform/os.h"
 #include "platform/timer.h"
 #include "tests/platform/support.h"
@@ -163,18 +164,25 @@ TEST(Commands, ReportHowTheyEnded) {
   const int three = os::system("exit 3");
   EXPECT_TRUE(WIFEXITED(three));
   EXPECT_EQ(WEXITSTATUS(three), 3);
-  const int killed = os::system("kill -9 $$");
+  const TempRoot root;
+  const int killed = os::system(("exec " + root.script("kill -9 $$")).c_str());
   EXPECT_TRUE(WIFSIGNALED(killed));
   EXPECT_EQ(WTERMSIG(killed), SIGKILL);
-  EXPECT_EQ(WEXITSTATUS(os::system("no-such-command-anywhere 2>/dev/null")), 127);
+  EXPECT_EQ(WEXITSTATUS(os::system("no-such-command-anywhere")), 127);
 }
 
 TEST(Commands, InheritTheStandardDescriptorsAlone) {
   for (int i = 0; i < 20; ++i) ASSERT_GE(dup(STDOUT_FILENO), 3);  // not closed on exec
-  EXPECT_EQ(os::system("for fd in 0 1 2; do [ -e /proc/$$/fd/$fd ] || exit 1; done"), 0);
-  EXPECT_EQ(os::system("fd=3; while [ $fd -lt 60 ]; do\n"
-                       "[ -e /proc/$$/fd/$fd ] && exit 1; fd=$((fd + 1)); done; exit 0"),
-            0);
+  const TempRoot root;
+  const std::string standard =
+      root.script("for fd in 0 1 2; do [ -e /proc/$$/fd/$fd ] || exit 1; done");
+  EXPECT_EQ(os::system(standard.c_str()), 0);
+  // The shell that runs a script has the script open.
+  const std::string others = root.script(
+      "fd=3; while [ $fd -lt 60 ]; do\n"
+      "[ -e /proc/$$/fd/$fd ] && [ ! /proc/$$/fd/$fd -ef $0 ] && exit 1\n"
+      "fd=$((fd + 1)); done; exit 0");
+  EXPECT_EQ(os::system(others.c_str()), 0);
 }
 
 TEST(Commands, StartWithNoSignalBlockedOrIgnored) {
@@ -182,7 +190,7 @@ TEST(Commands, StartWithNoSignalBlockedOrIgnored) {
   signal(SIGPIPE, SIG_IGN);
   signal(SIGHUP, SIG_IGN);
   const std::string command =
-      "exec grep -E 'SigBlk|SigIgn' /proc/self/status >" + root.path("/signals");
+      root.script("exec grep -E 'SigBlk|SigIgn' /proc/self/status >" + root.path("/signals"));
   std::atomic<int> status{-1};
   Body body([&](Body&) { status = os::system(command.c_str()); });
   body.run();
@@ -203,8 +211,9 @@ TEST(Commands, LeaveNoZombie) {
 
 TEST(Commands, InTheBackgroundAreNotWaitedFor) {
   const TempRoot root;
-  const std::string command = "{ until [ -e " + root.path("/go") +
-                              " ]; do sleep 0.01; done; echo >" + root.path("/done") + "; } &";
+  const std::string command = root.script("until [ -e " + root.path("/go") +
+                                          " ]; do sleep 0.01; done; echo >" + root.path("/done")) +
+                              " &";
   EXPECT_EQ(os::system(command.c_str()), 0);
   EXPECT_NE(access(root.path("/done").c_str(), F_OK), 0);
   writeFile(root.path("/go"), "");
@@ -212,13 +221,15 @@ TEST(Commands, InTheBackgroundAreNotWaitedFor) {
 }
 
 TEST(Commands, SurviveSignalsThatInterruptTheWait) {
+  const TempRoot root;
+  const std::string command = root.script("sleep 0.2; exit 7");
   struct sigaction action {};
   action.sa_handler = [](int) {};
   sigaction(SIGALRM, &action, nullptr);
   const itimerval often{{0, 5000}, {0, 5000}};
   const itimerval never{};
   setitimer(ITIMER_REAL, &often, nullptr);
-  const int status = os::system("sleep 0.2; exit 7");
+  const int status = os::system(command.c_str());
   setitimer(ITIMER_REAL, &never, nullptr);
   EXPECT_EQ(WEXITSTATUS(status), 7);
 }
@@ -228,6 +239,71 @@ TEST(Commands, FromManyThreadsGetTheirOwnStatus) {
     const std::string command = "exit " + std::to_string(caller + 10);
     EXPECT_EQ(WEXITSTATUS(os::system(command.c_str())), caller + 10);
   });
+}
+
+// What the daemon runs, with the values that it puts in at their extremes.
+TEST(Commands, OfTheDaemonArePlain) {
+  for (const char* command :
+       {"/etc/init.d/ntpc &", "/sbin/updatedst &", "rtchk -reload", "ptcmd BTONE=1 &",
+        "ptcmd BTONE=2147483647 &", "ptcmd BTONE=-2147483648 &", "/etc/init.d/smb.sh start",
+        "/etc/init.d/smb.sh stop", "rm -rf /smb/camera/20260102"})
+    EXPECT_TRUE(isPlainCommand(command)) << command;
+}
+
+TEST(Commands, ThatTheShellWouldReadOtherwiseAreRefused) {
+  const TempRoot root;
+  LogReader log(root);
+  const std::string victim = root.path("/victim");
+  const std::string touch = "touch " + victim;
+  const std::string hostile[] = {
+      "rm -rf /smb/camera/20260102; " + touch,
+      "rm -rf /smb/camera/20260102\n" + touch,
+      "rm -rf /smb/camera/20260102\r" + touch,
+      "rm -rf /smb/camera/`" + touch + "`",
+      "rm -rf /smb/camera/$(" + touch + ")",
+      "rm -rf /smb/camera/${HOME}",
+      "rm -rf /smb/camera/$HOME",
+      "rm -rf /smb/camera/*",
+      "rm -rf /smb/camera/2026010?",
+      "rm -rf /smb/camera/[0-9]",
+      "rm -rf /smb/camera/{a,b}",
+      "rm -rf ~",
+      "rm -rf /smb/camera/../../etc",
+      "rm -rf ..",
+      "true && " + touch,
+      "true || " + touch,
+      "true | " + touch,
+      "true & " + touch,
+      touch + " &&",
+      touch + " & ",
+      touch + "&",
+      "&",
+      "true >" + victim,
+      "true <" + victim,
+      "true 'quoted'",
+      "true \"quoted\"",
+      "true \\",
+      "true #",
+      "! true",
+      "(true)",
+      "true\ttab",
+      "true \x01",
+      "true \x7f",
+      "true \xc3\xa4",
+      "LD_PRELOAD=/tmp/evil.so true",
+      "-c true",
+      " true",
+      "true ",
+      "true  true",
+      "",
+  };
+  for (const std::string& command : hostile) {
+    errno = 0;
+    EXPECT_EQ(os::system(command.c_str()), -1) << command;
+    EXPECT_EQ(errno, EACCES) << command;
+  }
+  EXPECT_NE(access(victim.c_str(), F_OK), 0);
+  EXPECT_TRUE(log.waitFor("2 unsafe command refused: rm -rf /smb/camera/20260102?" + touch));
 }
 
 TEST(Commands, WithoutAShellFail) {

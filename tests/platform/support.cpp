@@ -189,4 +189,11 @@ void writeFile(const std::string& path, const std::string& text) {
   std::ofstream(path, std::ios::binary) << text;
 }
 
+std::string TempRoot::script(const std::string& text) const {
+  const std::string file = path("/script");
+  writeFile(file, "#!/bin/sh\n" + text + "\n");
+  EXPECT_EQ(chmod(file.c_str(), 0700), 0);
+  return file;
+}
+
 bool emulated() { return readFile("/proc/self/comm").rfind("qemu-", 0) == 0; }

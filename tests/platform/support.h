@@ -25,6 +25,8 @@ class TempRoot {
   ~TempRoot();
 
   std::string path(const std::string& inside) const { return root_ + inside; }
+  // Makes a program of the shell's `text`. Returns its path.
+  std::string script(const std::string& text) const;
 
  private:
   std::string base_;
