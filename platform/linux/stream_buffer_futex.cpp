@@ -14,7 +14,9 @@ namespace {
 // How long a waiter may sleep without looking around: the wake of a killed process never comes, and
 // a body that is asked to stop is not woken.
 constexpr long kSliceMs = 50;
-constexpr long kNsPerMs = 1'000'000;
+constexpr std::int64_t kUsPerMs = 1000;
+constexpr std::int64_t kUsPerSecond = 1'000'000;
+constexpr std::int64_t kNsPerUs = 1000;
 
 #ifdef SYS_futex_time64
 // The kernel's time structure of 32-bit systems, for kernels without 64-bit time.
@@ -26,26 +28,32 @@ struct OldTimespec {
 
 }  // namespace
 
-// Not the private kind: the waiters are in other processes. A relative limit runs on the monotonic
-// clock.
-void futexWait(Word& word, std::uint32_t expected, long ms) {
-  const long limit = std::min(ms, kSliceMs);
-  if (limit <= 0) return;
+// Not the private kind: the waiters may be in other processes. A relative limit runs on the
+// monotonic clock.
+void futexPause(Word& word, std::uint32_t expected, std::int64_t us) {
+  if (us <= 0) return;
   auto* address = reinterpret_cast<std::uint32_t*>(&word);
+  const std::int64_t seconds = us / kUsPerSecond;
+  const std::int64_t nanoseconds = us % kUsPerSecond * kNsPerUs;
 #ifdef SYS_futex_time64
   struct {
     std::int64_t seconds;
     std::int64_t nanoseconds;
-  } time64 = {0, std::int64_t{limit} * kNsPerMs};
+  } time64 = {seconds, nanoseconds};
   if (syscall(SYS_futex_time64, address, FUTEX_WAIT, expected, &time64, nullptr, 0) == 0 ||
       errno != ENOSYS) {
     return;
   }
-  OldTimespec time = {0, limit * kNsPerMs};
+  OldTimespec time = {static_cast<long>(std::min<std::int64_t>(seconds, LONG_MAX)),
+                      static_cast<long>(nanoseconds)};
 #else
-  timespec time = {0, limit * kNsPerMs};
+  timespec time = {seconds, nanoseconds};
 #endif
   syscall(SYS_futex, address, FUTEX_WAIT, expected, &time, nullptr, 0);
+}
+
+void futexWait(Word& word, std::uint32_t expected, long ms) {
+  futexPause(word, expected, std::min(ms, kSliceMs) * kUsPerMs);
 }
 
 void futexWake(Word& word) {

@@ -1,4 +1,4 @@
-// Waiting for a word of shared memory to change, across processes.
+// Waiting for a word of memory to change, across processes where the word is shared.
 #pragma once
 
 #include <cstdint>
@@ -10,6 +10,10 @@ namespace sb {
 // Waits until `word` is woken, 50 ms at the most, or `ms` if that is less; returns at once when it
 // no longer holds `expected`. May also return for no reason: callers look again.
 void futexWait(Word& word, std::uint32_t expected, long ms);
+
+// The same without that most: waits `us` microseconds of the monotonic clock. Nobody who can be
+// killed alone may have to wake `word`.
+void futexPause(Word& word, std::uint32_t expected, std::int64_t us);
 
 // Wakes all waiters of `word`, in whatever process.
 void futexWake(Word& word);

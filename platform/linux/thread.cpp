@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -15,6 +16,7 @@
 
 #include "platform/application.h"
 #include "platform/linux/clock.h"
+#include "platform/linux/stream_buffer_futex.h"
 #include "platform/linux/thread_access.h"
 #include "platform/log.h"
 #include "platform/relaxed.h"
@@ -24,6 +26,9 @@ namespace {
 
 constexpr long kStopMs = 5000;
 constexpr std::size_t kNameSize = 16;  // the kernel's, terminator included
+// A system that is short of memory or threads for an instant must not cost a camera its recorder.
+constexpr int kStartTries = 5;
+constexpr useconds_t kStartPauseUs = 2000;
 
 using Lock = std::lock_guard<Monitor>;
 
@@ -47,6 +52,7 @@ struct PThread::State {
   bool awaitEnd(std::int64_t deadlineUs);
   // Asks the body to end. Returns true iff none is inside.
   bool ask();
+  bool isAsked() const { return asked.load(std::memory_order_relaxed) != 0; }
   // Logs, once, that the body was left behind.
   void leaveBehind();
 
@@ -54,7 +60,7 @@ struct PThread::State {
   char name[kNameSize];
   PThread* object;  // null once it is gone
   Relaxed<bool> running;
-  Relaxed<bool> asked;   // to stop, from outside
+  sb::Word asked{0};     // 1: to stop, from outside; the body's pauses wait for it
   Relaxed<bool> left;    // behind, by its owner
   bool inside = false;   // execute() was started and has not returned
   bool again = false;    // a start waits for the return
@@ -160,7 +166,7 @@ bool PThread::State::returned() {
   ++returns;
   const bool restart = again && object != nullptr;
   again = false;
-  asked = false;
+  asked.store(0);
   running = restart;
   inside = restart;
   monitor.wake();
@@ -177,8 +183,8 @@ bool PThread::State::ask() {
   again = false;
   running = false;
   if (!inside) return true;
-  asked = true;
-  monitor.wake();
+  asked.store(1);
+  sb::futexWake(asked);
   return false;
 }
 
@@ -204,13 +210,13 @@ long TStopDeadline::leftMs() const {
 }
 
 bool ThreadAccess::stopAsked() {
-  if (current != nullptr) return static_cast<PThread::State*>(current)->asked;
+  if (current != nullptr) return static_cast<PThread::State*>(current)->isAsked();
   return mainStopFd >= 0 && TApplication::stopped;
 }
 
 std::function<bool()> ThreadAccess::stopTest() {
   const auto* const body = static_cast<const PThread::State*>(current);
-  if (body != nullptr) return [body] { return body->asked.load(); };
+  if (body != nullptr) return [body] { return body->isAsked(); };
   if (mainStopFd >= 0) return [] { return static_cast<bool>(TApplication::stopped); };
   return [] { return false; };
 }
@@ -219,10 +225,14 @@ std::int64_t ThreadAccess::pause(std::int64_t microseconds) {
   if (microseconds <= 0) return 0;
   const std::int64_t end = monotonicUs() + microseconds;
   if (current != nullptr) {
+    // On the word itself: after a condition's wait the C library makes one more call, to leave the
+    // lock.
     auto& s = *static_cast<PThread::State*>(current);
-    const Lock lock(s.monitor);
-    if (!s.monitor.waitUntil(end, [&s] { return s.asked.load(); })) return 0;
-    return std::max<std::int64_t>(1, end - monotonicUs());
+    for (std::int64_t left = microseconds; left > 0; left = end - monotonicUs()) {
+      if (s.isAsked()) return left;
+      sb::futexPause(s.asked, 0, left);
+    }
+    return 0;
   }
   if (mainStopFd < 0) {
     const timespec point = monotonicPoint(end);
@@ -252,7 +262,11 @@ int ThreadAccess::start(void* (*body)(void*), void* argument) {
   // A thread inherits the mask of its creator, so there is no instant in which it takes signals.
   pthread_sigmask(SIG_SETMASK, &blocked, &before);
   pthread_t thread;
-  const int error = pthread_create(&thread, &attributes, body, argument);
+  int error = pthread_create(&thread, &attributes, body, argument);
+  for (int tries = 1; error == EAGAIN && tries < kStartTries; ++tries) {
+    usleep(kStartPauseUs);
+    error = pthread_create(&thread, &attributes, body, argument);
+  }
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
   pthread_attr_destroy(&attributes);
   return error;
@@ -265,7 +279,7 @@ int ThreadAccess::stuck(char* names, std::size_t size) {
   auto& all = PThread::State::All::instance();
   const std::lock_guard<std::mutex> allLock(all.mutex);
   for (const auto& state : all.inside) {
-    if (!state->asked && !state->left) continue;
+    if (!state->isAsked() && !state->left) continue;
     ++count;
     const int length =
         std::snprintf(names + used, size - used, "%s%s", used > 0 ? ", " : "", state->name);
