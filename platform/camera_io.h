@@ -1,5 +1,6 @@
 // The digital input, the relay outputs and the privacy switch: one-character value files, named in
-// section "IO" of /etc/camera.conf and by default under /run/camera/io/.
+// section "IO" of /etc/camera.conf and by default under /run/camera/io/. Another file under the
+// same name, or another name, is noticed within 3 s.
 #pragma once
 
 // All: 0 on success, with bit 0 of `*state` as the state; otherwise non-zero and `*state` is

@@ -366,7 +366,7 @@ begin_delivery() {
 # The main loop, which polls the input, is the one that waits.
 test_refresh_in_the_middle() {
   begin_delivery 'stall 100' '^< STOR' stall DATA
-  "$root/tests/board/open_times" "$board/run/camera/io/input" >"$work/polls" &
+  "$root/tests/board/read_times" "$board/run/camera/io/input" >"$work/polls" &
   boxes+=($!)
   misbehave ftp
   misbehave mail

@@ -115,3 +115,36 @@ test_two_boards_side_by_side() {
   camctl grab "$work/first.jpg"
   cmp "$work/first.jpg" "$picture"
 }
+
+# calls_of NAME: how many system calls the daemon's thread of that name has made in $work/calls.
+calls_of() {
+  local thread
+  for thread in /proc/"$daemon"/task/*; do
+    [ "$(cat "$thread/comm")" != "$1" ] || grep -v resumed "$work/calls" | grep -c "^${thread##*/} "
+  done
+}
+
+test_picture_costs_few_system_calls() {
+  local before pictures capture main passes
+  once_is_enough
+  printf '[Main]\nMax = 0\n' >"$board/etc/events.conf"
+  start_daemon -n/home/test.jpg -f2 -mv
+  eventually 10 camera_is_up
+  eventually 10 has_frames
+  strace -f -o "$work/calls" -p "$daemon" 2>"$work/strace" &
+  boxes+=($!)
+  eventually 10 test -s "$work/calls"
+  before=$(slot frame-count)
+  sleep 6
+  pictures=$(($(slot frame-count) - before))
+  kill -INT "${boxes[-1]}"
+  wait "${boxes[-1]}" || true
+  capture=$(calls_of KVX-video) main=$(calls_of video_svr)
+  passes=$(grep -c "^$daemon ppoll" "$work/calls")
+  echo "$pictures pictures: $capture calls; $passes passes of the main loop: $main calls"
+  if [ "$pictures" -lt 20 ] || [ "$passes" -lt 5 ]; then fail "too little to judge by"; fi
+  # A picture: a pause, a read, a rewind and another pause; a few a second look for other files. A pass:
+  # four values, the messages, a pause; every 3 s it looks for other files and at the clock.
+  [ $((capture * 10)) -le $(((pictures + 3) * 44)) ] || fail "more than four calls for a picture"
+  [ $((main * 10)) -le $(((passes + 2) * 80)) ] || fail "more than eight calls for a pass"
+}

@@ -181,7 +181,7 @@ start_model() {
 # watch_polls: notes in $work/polls when the daemon's main loop reads the digital input, and in $work/paces
 # how well a shell that only sleeps as long keeps time on this machine meanwhile.
 watch_polls() {
-  "$root/tests/board/open_times" "$board/run/camera/io/input" >"$work/polls" &
+  "$root/tests/board/read_times" "$board/run/camera/io/input" >"$work/polls" &
   watchers=($!)
   while :; do
     date +%s%3N

@@ -4,9 +4,12 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <chrono>
 #include <filesystem>
+#include <thread>
 
 #include "platform/camera_io.h"
+#include "platform/timer.h"
 #include "tests/platform/support.h"
 
 namespace {
@@ -141,6 +144,39 @@ TEST_F(CameraConfig, AMissingOrStrangeValueFileFailsAndLeavesTheState) {
   write("[IO]\nInput=/run/camera/io\n");
   EXPECT_NE(get_trigger_in_state(&value), 0);
   EXPECT_EQ(value, 55);
+}
+
+TEST_F(CameraConfig, AValueFileThatIsReplacedOrRenamedIsNoticed) {
+  constexpr std::uint32_t kSoonMs = 3500;
+  const auto becomes = [](int wanted) {
+    int value = -1;
+    for (const std::uint32_t begin = monotonicMs(); monotonicMs() - begin < kSoonMs;) {
+      if (get_trigger_in_state(&value) == 0 && value == wanted) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return false;
+  };
+  io("input", "0\n");
+  EXPECT_TRUE(becomes(0));
+  io("input", "1\n");
+  int value = -1;
+  EXPECT_EQ(get_trigger_in_state(&value), 0);
+  EXPECT_EQ(value, 1) << "what is written into it counts at once";
+  io("new", "0\n");
+  std::filesystem::rename(root_.path("/run/camera/io/new"), root_.path("/run/camera/io/input"));
+  EXPECT_TRUE(becomes(0)) << "another file has its name";
+  io("other", "1\n");
+  write("[IO]\nInput=/run/camera/io/other\n");
+  EXPECT_TRUE(becomes(1)) << "it has another name";
+  std::filesystem::remove(root_.path("/run/camera/io/other"));
+  for (const std::uint32_t begin = monotonicMs(); monotonicMs() - begin < kSoonMs;) {
+    if (get_trigger_in_state(&value) != 0) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  EXPECT_NE(get_trigger_in_state(&value), 0) << "it is gone";
+  io("other", "0\n");
+  EXPECT_EQ(get_trigger_in_state(&value), 0) << "it is back";
+  EXPECT_EQ(value, 0);
 }
 
 TEST_F(CameraConfig, TellsWhetherTheInputIsUsed) {
