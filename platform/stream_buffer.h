@@ -31,7 +31,8 @@ long sbGetFrameSize(SB_HANDLE* buffer);
 
 // Status slots: 32-bit words with a written-since-tested mark. Null is allowed everywhere: it reads
 // as 0 and "not written", and writes nowhere; so does a slot out of range. Any thread or process,
-// never blocks, never logs. Each tested slot has exactly one tester.
+// never blocks; logs nothing but what other processes have done to the buffer. Each tested slot has
+// exactly one tester.
 constexpr int kSlotCount = 32;
 // Returns the value of `slot` and leaves the mark alone.
 int sbGetUserdata(SB_HANDLE* buffer, int slot);

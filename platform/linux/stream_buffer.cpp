@@ -2,6 +2,7 @@
 #include "platform/stream_buffer.h"
 
 #include "platform/linux/stream_buffer_handle.h"
+#include "platform/linux/stream_buffer_owner.h"
 #include "platform/linux/stream_buffer_streams.h"
 
 namespace {
@@ -9,7 +10,7 @@ namespace {
 SB_HANDLE* handleOf(sb::Stream stream) {
   SB_HANDLE* handle = sb::current[stream].load(std::memory_order_acquire);
   if (handle != nullptr) return handle;
-  sb::attach(stream);
+  if (sb::attach(stream) == sb::Attached::kRefused) sb::restoreSegment(stream);
   return sb::current[stream].load(std::memory_order_acquire);
 }
 

@@ -16,6 +16,9 @@ namespace {
 // A killed reader wakes nobody, so a waiting writer looks for dead ones this often.
 constexpr long kReapWhileWaitingMs = 5;
 constexpr std::uint32_t kReapEveryMs = 1000;
+// So often a writer can overtake a reader only when it is no writer, but somebody who changes the
+// numbers at random; the reader's lock must not be held for long.
+constexpr int kPinTries = 256;
 
 // A limit on the monotonic clock.
 class Limit {
@@ -115,7 +118,7 @@ void SB_HANDLE::publish(int index) {
   {
     const std::lock_guard<sb::BriefLock> guard(mine.frameLock);
     before = head.latest.load(std::memory_order_relaxed);
-    const std::uint32_t number = sb::numberAfter(before);
+    const std::uint32_t number = mine.published = sb::numberAfter(before);
     if (readable(index)) {
       stamp[index].store(monotonicMs(), std::memory_order_relaxed);
       seq[index].store(number, std::memory_order_release);
@@ -194,7 +197,7 @@ void SB_HANDLE::unpin(int index) {
 // read behind the frame's number, which it precedes by one at the most.
 int SB_HANDLE::tryAcquire(std::uint32_t* number) {
   const std::lock_guard<sb::BriefLock> guard(mine.frameLock);
-  for (;;) {
+  for (int tries = 0; tries < kPinTries; ++tries) {
     int best = -1;
     std::int32_t bestDistance = 0;
     for (int i = 0; i < static_cast<int>(frames); ++i) {
@@ -212,6 +215,7 @@ int SB_HANDLE::tryAcquire(std::uint32_t* number) {
     if (readable(best)) return best;
     unpin(best);
   }
+  return -1;
 }
 
 // Leaves the number that is waited beyond, so that the writer wakes only when somebody waits. The

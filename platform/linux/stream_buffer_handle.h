@@ -39,14 +39,18 @@ struct PrivateState {
 
   // The order keeps together what a frame needs: after a pause each cache line is a wait.
   bool pinInTheWay = false;             // a held frame was older than the one reserved
+  std::uint32_t published = 0;          // the number given last
   std::uint64_t writing = 0;            // bit i: frame i is reserved by this process
-  BriefLock frameLock;                  // guards the two above and the two below
+  BriefLock frameLock;                  // guards the three above and the two below
   std::uint16_t pins[kMaxFrames] = {};  // of this process's threads; the first sets the shared bit
   std::uint32_t lastReapMs = 0;         // monotonic
 
   std::mutex leaseMutex;
 
   BriefLock slotLock;  // guards this process's cells
+  // What this process has written into the slots, or found there when it tested them: what is left
+  // of them when another process cuts the segment.
+  Relaxed<std::int32_t> values[kSlots];
 };
 
 // Compares numbers and times that wrap: how far `a` is after `b`.
@@ -86,6 +90,9 @@ struct SB_HANDLE {
   // retirement, which a segment that is being replaced tells itself; all others also look now and
   // then whether the segment still has its name.
   bool retired() const { return head.retired.load(std::memory_order_relaxed) != 0; }
+  // True iff another process has cut the file, so that this one works on memory of its own, which
+  // says that it is retired. Until it is mended the slots are what this process knows of them.
+  bool broken() const { return segment.mapping->broken(); }
   bool lookIsDue() {
     const std::uint32_t left = untilLook_ - 1;
     untilLook_ = left;
@@ -123,6 +130,9 @@ struct SB_HANDLE {
   bool readable(int index) const;
   void reapNowAndThen();
   void clearPins(int lease);
+  bool clearStrayPins();
+  void mend();
+  void restoreSlots();
 
   Relaxed<std::uint32_t> untilLook_ = 1;
   Relaxed<std::uint32_t> lookEvery_ = 1;

@@ -2,6 +2,7 @@
 // sooner.
 #include <fcntl.h>
 #include <sched.h>
+#include <sys/mman.h>
 #include <unistd.h>
 #include <new>
 
@@ -9,6 +10,7 @@
 #include "platform/linux/stream_buffer_handle.h"
 #include "platform/linux/stream_buffer_points.h"
 #include "platform/linux/stream_buffer_streams.h"
+#include "platform/log.h"
 #include "platform/timer.h"
 
 namespace {
@@ -113,9 +115,25 @@ void SB_HANDLE::clearPins(int lease) {
   }
 }
 
+// Bits of this process's own lease that no frame of it stands behind: another process has written
+// over them, and nobody else would ever clear them.
+bool SB_HANDLE::clearStrayPins() {
+  if (mine.lease < 0) return false;
+  const auto lease = static_cast<std::uint32_t>(mine.lease);
+  const std::lock_guard<sb::BriefLock> guard(mine.frameLock);
+  bool found = false;
+  for (std::uint32_t i = 0; i < frames; ++i) {
+    sb::Word& word = holders[i * sb::kLeaseWords + lease / 32];
+    if (mine.pins[i] != 0 || (word.load() & 1U << lease % 32) == 0) continue;
+    word.fetch_and(~(1U << lease % 32));
+    found = true;
+  }
+  return found;
+}
+
 // While a dead owner's lock is ours, nobody can take the lease and set bits anew.
 bool SB_HANDLE::reap() {
-  bool found = false;
+  bool found = clearStrayPins();
   for (int i = 0; i < static_cast<int>(sb::kLeases); ++i) {
     if (i == mine.lease) continue;
     std::uint32_t bits = 0;
@@ -148,5 +166,48 @@ void SB_HANDLE::look() {
   const bool retired = head.retired.load(std::memory_order_relaxed) != 0;
   const bool firstSight = retired && !retirementSeen_;
   if (firstSight) retirementSeen_ = true;
-  sb::lookForReplacement(this, now, firstSight ? 0 : retired ? kRetiredMs : kLookMs);
+  if (sb::lookForReplacement(this, now, firstSight ? 0 : retired ? kRetiredMs : kLookMs)) mend();
+}
+
+// A process of the camera's group may write over the head and cut the file, by mistake or because
+// it means harm. The owner puts right what has only one right value; what the frames held is gone.
+void SB_HANDLE::mend() {
+  const bool owns = sb::owns();
+  if (!owns && !broken()) return;
+  const std::lock_guard<std::mutex> guard(mine.leaseMutex);
+  const bool cut = sb::wrongSize(segment);
+  if (cut && (!owns || !sb::restoreSize(segment))) return;
+  const bool torn = broken();
+  if (torn) {
+    const int ofFrames = mine.writer ? PROT_READ | PROT_WRITE : PROT_READ;
+    if (!segment.mapping->mend(segment.fd, segment.geometry.dataOffset, PROT_READ | PROT_WRITE,
+                               ofFrames))
+      return;
+  }
+  if (!owns) return;
+  const bool changed = sb::restoreHead(segment);
+  head.retired = 0;
+  retirementSeen_ = false;
+  if (!cut && !torn && !changed) return;
+  restoreSlots();
+  {
+    const std::lock_guard<sb::BriefLock> frameGuard(mine.frameLock);
+    // So that no reader, which knows higher numbers, waits for them to come again.
+    if (head.latest == 0) head.latest = mine.published;
+  }
+  logEx(2, "buffer %s was damaged by another process, mended", sb::streamPath(stream));
+}
+
+// Those that nobody has written since the segment was cut, without a mark.
+void SB_HANDLE::restoreSlots() {
+  const auto lease = static_cast<std::uint32_t>(mine.lease);
+  sb::Word* const cells = slot + sb::kSlots + static_cast<std::size_t>(lease) * sb::kSlots * 2;
+  const std::lock_guard<sb::BriefLock> guard(mine.slotLock);
+  for (std::uint32_t i = 0; i < sb::kSlots; ++i) {
+    std::uint32_t untouched = 0;
+    if (slot[i] != untouched || cells[2 * i] != 0) continue;
+    cells[2 * i].store(static_cast<std::uint32_t>(mine.values[i].load()),
+                       std::memory_order_release);
+    slot[i].compare_exchange_strong(untouched, lease);
+  }
 }

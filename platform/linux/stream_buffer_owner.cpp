@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <mutex>
 #include <string>
 
 #include "platform/camera_config.h"
@@ -24,7 +25,8 @@ IniReader readIni = nullptr;
 
 namespace {
 
-constexpr mode_t kFolderMode = 0770;
+constexpr mode_t kFolderMode = 0750;  // the group attaches, and neither makes nor removes
+constexpr std::uint32_t kRestoreMs = 10000;
 constexpr std::uint32_t kTurnMs = 500;
 constexpr useconds_t kTurnStepUs = 2000;
 constexpr int kTries = 50;  // against creators that come at the same instant
@@ -46,6 +48,17 @@ FrameSizes configured(const std::string& stream, const FrameSizes& fallback) {
   sizes.frames = configuredNumber(stream + "Frames", fallback.frames, frameCountFits);
   sizes.frameSize = configuredNumber(stream + "FrameSize", fallback.frameSize, frameSizeFits);
   return sizes;
+}
+
+// What is owned, for restoreSegment().
+BufferSizes owned;
+struct Restored {
+  bool ever = false;
+  std::uint32_t ms = 0;  // monotonic, the last time
+} restored[kStreams];
+
+const FrameSizes& ownedSizes(int stream) {
+  return stream == kVideo ? owned.video : stream == kVideo2 ? owned.video2 : owned.audio;
 }
 
 // Returns 0 or an error. A folder that is there already keeps its mode.
@@ -90,22 +103,22 @@ bool sameSize(const SB_HANDLE& handle, const FrameSizes& sizes) {
          handle.segment.geometry.frameSize == sizes.frameSize;
 }
 
+Head& headOf(const Mapping& mapping) { return *reinterpret_cast<Head*>(mapping.base()); }
+
 // The head of a segment that this program can't attach, such as one of another version; null when
 // there is none.
-Head* foreignHead(const char* path) {
+Mapping* foreignHead(const char* path) {
   const int fd = open(path, O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
   if (fd < 0) return nullptr;
-  void* base = MAP_FAILED;
+  Mapping* mapping = nullptr;
   struct stat status;
   if (fstat(fd, &status) == 0 && S_ISREG(status.st_mode) &&
       status.st_size >= static_cast<off_t>(sizeof(Head))) {
-    base = mmap(nullptr, sizeof(Head), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    mapping = Mapping::make(fd, sizeof(Head), PROT_READ | PROT_WRITE);
   }
   close(fd);
-  if (base == MAP_FAILED) return nullptr;
-  auto* head = static_cast<Head*>(base);
-  if (head->magic == kMagic) return head;
-  munmap(base, sizeof(Head));
+  if (mapping == nullptr || headOf(*mapping).magic == kMagic) return mapping;
+  Mapping::giveBack(mapping);
   return nullptr;
 }
 
@@ -113,7 +126,7 @@ Head* foreignHead(const char* path) {
 // The old segment is retired before it loses its name, because its users may do no more than look
 // at that word. A creator that dies in between leaves a segment that is used all the same and
 // looked at more often, until the next creator.
-int createOnce(int stream, const FrameSizes& sizes) {
+int createOnce(int stream, const FrameSizes& sizes, const SB_HANDLE* last) {
   const char* path = streamPath(stream);
   struct stat status;
   const bool named = lstat(path, &status) == 0;
@@ -125,9 +138,13 @@ int createOnce(int stream, const FrameSizes& sizes) {
     old->head.retired = 0;
     return 0;
   }
-  Head* oldHead = old != nullptr ? &old->head : foreignHead(path);
+  Mapping* const foreign = old == nullptr ? foreignHead(path) : nullptr;
+  Head* const oldHead = old != nullptr       ? &old->head
+                        : foreign != nullptr ? &headOf(*foreign)
+                                             : nullptr;
   const Geometry geometry = makeGeometry(sizes.frames, sizes.frameSize, pageSize());
-  const std::string built = buildSegment(path, geometry);
+  const std::string built =
+      buildSegment(path, geometry, last != nullptr ? last->mine.values : nullptr);
   int error = built.empty() ? errno : 0;
   if (error == 0) {
     if (oldHead != nullptr) oldHead->retired = 1;
@@ -141,8 +158,8 @@ int createOnce(int stream, const FrameSizes& sizes) {
   }
   if (old != nullptr) {
     current[stream].store(nullptr);
-  } else if (oldHead != nullptr) {
-    munmap(oldHead, sizeof(Head));
+  } else if (foreign != nullptr) {
+    Mapping::giveBack(foreign);
   }
   if (error == 0 && attach(stream) != Attached::kYes) error = EAGAIN;
   return error;
@@ -151,9 +168,11 @@ int createOnce(int stream, const FrameSizes& sizes) {
 // Another creator was faster, or took our file for one that was left over.
 bool lostToAnother(int error) { return error == EEXIST || error == ENOENT || error == EAGAIN; }
 
-bool ownSegment(int stream, const FrameSizes& sizes) {
+// `last`: whose slots' values a segment that is made has at first; null: all 0.
+bool ownSegment(int stream, const SB_HANDLE* last) {
+  const FrameSizes& sizes = ownedSizes(stream);
   int error = EEXIST;
-  for (int i = 0; i < kTries && lostToAnother(error); ++i) error = createOnce(stream, sizes);
+  for (int i = 0; i < kTries && lostToAnother(error); ++i) error = createOnce(stream, sizes, last);
   if (error != 0) logEx(3, "can't create buffer %s: %s", streamPath(stream), std::strerror(error));
   return error == 0;
 }
@@ -175,9 +194,29 @@ bool ownSegments(const BufferSizes& sizes) {
     return false;
   }
   const Turn turn;
-  const bool video = ownSegment(kVideo, sizes.video);
-  const bool video2 = ownSegment(kVideo2, sizes.video2);
-  return ownSegment(kAudio, sizes.audio) && video && video2;
+  bool all = true;
+  owned = sizes;
+  for (int stream = 0; stream < kStreams; ++stream) {
+    restored[stream] = Restored();
+    all = ownSegment(stream, nullptr) && all;
+  }
+  becomeOwner();
+  return all;
+}
+
+void restoreSegment(int stream) {
+  static std::mutex mutex;
+  if (!owns()) return;
+  const std::unique_lock<std::mutex> lock(mutex, std::try_to_lock);
+  if (!lock.owns_lock()) return;
+  Restored& before = restored[stream];
+  const std::uint32_t now = monotonicMs();
+  if (before.ever && now - before.ms < kRestoreMs) return;
+  before = {true, now};
+  const Turn turn;
+  if (ownSegment(stream, lastHandle(stream))) {
+    logEx(2, "buffer %s was taken away by another process, made anew", streamPath(stream));
+  }
 }
 
 }  // namespace sb

@@ -35,6 +35,12 @@ BufferSizes configuredSizes();
 // Returns true iff all are there. Main thread.
 bool ownSegments(const BufferSizes& sizes);
 
+// For the process that has called ownSegments(): makes the segment of `stream` anew whose name is
+// gone, or taken by what is no segment, with the slots' values as far as this process knows them.
+// Once in ten seconds at the most, as each takes memory for good. Logs 2 "buffer %s was taken away
+// by another process, made anew". Any thread.
+void restoreSegment(int stream);
+
 }  // namespace sb
 
 // ownSegments() with the configured sizes.

@@ -55,21 +55,23 @@ const char* mapSegment(int fd, Segment* segment) {
     return kOtherSize;
   }
   const auto size = static_cast<std::size_t>(status.st_size);
-  void* base = mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);
-  if (base == MAP_FAILED) return kNoMapping;
-  const char* wrong = readGeometry(*static_cast<const Head*>(base), status.st_size, segment);
+  Mapping* const mapping = Mapping::make(fd, size, PROT_READ);
+  if (mapping == nullptr) return kNoMapping;
+  unsigned char* const base = mapping->base();
+  const char* wrong = readGeometry(*reinterpret_cast<const Head*>(base), status.st_size, segment);
   if (wrong == nullptr &&
       mprotect(base, segment->geometry.dataOffset, PROT_READ | PROT_WRITE) != 0) {
     wrong = kNoMapping;
   }
   if (wrong != nullptr) {
-    munmap(base, size);
+    Mapping::giveBack(mapping);
     return wrong;
   }
   segment->fd = fd;
   segment->device = status.st_dev;
   segment->inode = status.st_ino;
-  segment->base = static_cast<unsigned char*>(base);
+  segment->mapping = mapping;
+  segment->base = base;
   return nullptr;
 }
 
@@ -109,21 +111,35 @@ std::uint32_t newEpoch() {
   return epoch == 0 ? 1 : epoch;
 }
 
-bool fillHead(int fd, const Geometry& g) {
+// Stores the words of the head that never change. Returns true iff one was another.
+bool storeConstants(Head& head, const Geometry& g, std::uint32_t epoch) {
+  const struct {
+    Word& word;
+    std::uint32_t value;
+  } constants[] = {{head.magic, kMagic},           {head.version, kVersion},
+                   {head.headBytes, g.headBytes},  {head.totalBytes, g.totalBytes},
+                   {head.frames, g.frames},        {head.frameSize, g.frameSize},
+                   {head.stride, g.stride},        {head.leases, kLeases},
+                   {head.slots, kSlots},           {head.epoch, epoch},
+                   {head.dataOffset, g.dataOffset}};
+  bool changed = false;
+  for (const auto& constant : constants) {
+    if (constant.word == constant.value) continue;
+    constant.word = constant.value;
+    changed = true;
+  }
+  return changed;
+}
+
+bool fillHead(int fd, const Geometry& g, const Relaxed<std::int32_t>* values) {
   void* base = mmap(nullptr, g.dataOffset, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   if (base == MAP_FAILED) return false;
-  Head& head = *static_cast<Head*>(base);  // a new file is all zeros
-  head.magic = kMagic;
-  head.version = kVersion;
-  head.headBytes = g.headBytes;
-  head.totalBytes = g.totalBytes;
-  head.frames = g.frames;
-  head.frameSize = g.frameSize;
-  head.stride = g.stride;
-  head.leases = kLeases;
-  head.slots = kSlots;
-  head.epoch = newEpoch();
-  head.dataOffset = g.dataOffset;
+  storeConstants(*static_cast<Head*>(base), g, newEpoch());
+  // A new file is all zeros: each slot names the first cell of the first lease.
+  Word* const cells = reinterpret_cast<Word*>(static_cast<unsigned char*>(base) + g.cellAt);
+  for (std::uint32_t i = 0; values != nullptr && i < kSlots; ++i) {
+    cells[2 * i] = static_cast<std::uint32_t>(values[i].load());
+  }
   munmap(base, g.dataOffset);
   return true;
 }
@@ -167,7 +183,8 @@ bool makeWritable(const Segment& segment) {
 }
 
 // The space is allocated here: a page that can't be had later would kill whoever touches it.
-std::string buildSegment(const std::string& path, const Geometry& geometry) {
+std::string buildSegment(const std::string& path, const Geometry& geometry,
+                         const Relaxed<std::int32_t>* values) {
   removeLeftOvers(path);
   const std::string name =
       folderOf(path) + "/" + privatePrefix(path) + std::to_string(static_cast<long>(getpid()));
@@ -177,7 +194,7 @@ std::string buildSegment(const std::string& path, const Geometry& geometry) {
   reached(Point::kSegmentCreated);
   int error = lockWhole(fd) ? posix_fallocate(fd, 0, geometry.totalBytes) : EAGAIN;
   const gid_t group = cameraGroup();
-  if (error == 0 && !fillHead(fd, geometry)) error = errno;
+  if (error == 0 && !fillHead(fd, geometry, values)) error = errno;
   if (error == 0 && group != static_cast<gid_t>(-1) && fchown(fd, static_cast<uid_t>(-1), group)) {
     error = errno == EPERM ? 0 : errno;  // a tester is not in the group
   }
@@ -187,6 +204,23 @@ std::string buildSegment(const std::string& path, const Geometry& geometry) {
   close(fd);
   errno = error;
   return error == 0 ? name : std::string();
+}
+
+bool wrongSize(const Segment& segment) {
+  struct stat status;
+  return fstat(segment.fd, &status) == 0 &&
+         status.st_size != static_cast<off_t>(segment.geometry.totalBytes);
+}
+
+bool restoreSize(const Segment& segment) {
+  const auto size = static_cast<off_t>(segment.geometry.totalBytes);
+  if (ftruncate(segment.fd, size) != 0) return false;
+  errno = posix_fallocate(segment.fd, 0, size);
+  return errno == 0;
+}
+
+bool restoreHead(const Segment& segment) {
+  return storeConstants(segment.head(), segment.geometry, segment.epoch);
 }
 
 int publishSegment(const std::string& built, const std::string& path, ino_t old) {

@@ -6,6 +6,8 @@
 #include <string>
 
 #include "platform/linux/stream_buffer_layout.h"
+#include "platform/linux/stream_buffer_mapping.h"
+#include "platform/relaxed.h"
 
 namespace sb {
 
@@ -17,7 +19,8 @@ struct Segment {
   ino_t inode = 0;
   Geometry geometry;  // private copy, checked once
   std::uint32_t epoch = 0;
-  unsigned char* base = nullptr;  // head and frames in one piece; frames read-only at first
+  Mapping* mapping = nullptr;     // head and frames in one piece; frames read-only at first
+  unsigned char* base = nullptr;  // of the mapping
 
   Head& head() const { return *reinterpret_cast<Head*>(base); }
   Word* words(std::uint32_t at) const { return reinterpret_cast<Word*>(base + at); }
@@ -43,8 +46,17 @@ bool trustedOwner(uid_t uid);
 std::uint32_t pageSize();
 
 // Builds a segment under a name of its own beside `path`, with all its space allocated, and removes
-// what creators that died have left there. Returns its name, empty on failure with `errno`.
-std::string buildSegment(const std::string& path, const Geometry& geometry);
+// what creators that died have left there. `values`: of its slots, kSlots of them; null: all 0.
+// Returns its name, empty on failure with `errno`.
+std::string buildSegment(const std::string& path, const Geometry& geometry,
+                         const Relaxed<std::int32_t>* values);
+
+// Returns true iff the segment's file has another size than it was made with.
+bool wrongSize(const Segment& segment);
+// Gives the file its size and its space back. Returns false with `errno` when that fails.
+bool restoreSize(const Segment& segment);
+// Gives the head the words back that never change. Returns true iff one was another.
+bool restoreHead(const Segment& segment);
 
 // Gives a built segment its name, replacing the file `old` that has it; 0: none has.
 // Returns 0; EEXIST when another file has the name; or another error. The private name is gone in

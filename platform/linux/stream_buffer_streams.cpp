@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <mutex>
 #include <new>
 #include <string>
@@ -9,6 +10,7 @@
 
 #include "platform/linux/root.h"
 #include "platform/linux/stream_buffer_handle.h"
+#include "platform/linux/stream_buffer_owner.h"
 #include "platform/log.h"
 #include "platform/timer.h"
 
@@ -55,6 +57,8 @@ void forkedChild() {
   for (auto& handle : current) handle.store(nullptr);
 }
 
+Relaxed<int> owner;  // the process that owns the segments; 0: none that we know of
+
 // Once per process, and inherited by its children.
 void watchForks() {
   static const int registered = pthread_atfork(nullptr, nullptr, forkedChild);
@@ -85,6 +89,12 @@ Attached attachNew(Streams& all, int stream, const char** reason) {
 }
 
 }  // namespace
+
+SB_HANDLE* lastHandle(int stream) {
+  Streams& all = streams();
+  const std::lock_guard<std::mutex> guard(all.mutex);
+  return all.state[stream].last;
+}
 
 const char* streamPath(int stream) { return streams().state[stream].path.c_str(); }
 
@@ -118,20 +128,31 @@ Attached attach(int stream) {
   return result;
 }
 
-// By name alone: opening the file and closing it again would drop the process's locks on it.
-void lookForReplacement(SB_HANDLE* handle, std::uint32_t nowMs, std::uint32_t everyMs) {
+// By name alone: opening the file and closing it again would drop the process's locks on it. A
+// segment whose name is gone is kept, unless its owner can make another.
+bool lookForReplacement(SB_HANDLE* handle, std::uint32_t nowMs, std::uint32_t everyMs) {
   State& state = streams().state[handle->stream];
-  if (current[handle->stream].load(std::memory_order_relaxed) != handle) return;
-  if (nowMs - state.lookedMs < everyMs) return;
+  if (current[handle->stream].load(std::memory_order_relaxed) != handle) return false;
+  if (nowMs - state.lookedMs < everyMs) return false;
   state.lookedMs = nowMs;
   struct stat status;
-  if (lstat(state.path.c_str(), &status) != 0 || sameFile(handle, status)) return;
+  const bool named = lstat(state.path.c_str(), &status) == 0;
+  if (named && sameFile(handle, status)) return true;
+  if (!named) {
+    restoreSegment(handle->stream);
+    return false;
+  }
   SB_HANDLE* expected = handle;
   current[handle->stream].compare_exchange_strong(expected, nullptr);
+  return false;
 }
+
+void becomeOwner() { owner = getpid(); }
+bool owns() { return owner == getpid(); }
 
 void forgetStreams() {
   Streams& all = streams();
+  owner = 0;
   const std::lock_guard<std::mutex> guard(all.mutex);
   static const char* const names[kStreams] = {"video", "video2", "audio"};
   for (int i = 0; i < kStreams; ++i) {

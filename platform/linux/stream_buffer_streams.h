@@ -13,6 +13,9 @@ enum Stream { kVideo, kVideo2, kAudio, kStreams };
 // The present handle of each stream; null: a look is due.
 extern std::atomic<SB_HANDLE*> current[kStreams];
 
+// The handle that the stream had last, whatever is there now; null: none yet.
+SB_HANDLE* lastHandle(int stream);
+
 // Where the stream's segment is. Stable storage.
 const char* streamPath(int stream);
 
@@ -30,8 +33,12 @@ enum class Attached {
 Attached attach(int stream);
 
 // For the current handle, unless it was done in the last `everyMs`: makes sbVideo() and its sisters
-// look anew when the name leads to another segment by now.
-void lookForReplacement(SB_HANDLE* handle, std::uint32_t nowMs, std::uint32_t everyMs);
+// look anew when the name leads to another segment by now. Returns true iff it still is this one's.
+bool lookForReplacement(SB_HANDLE* handle, std::uint32_t nowMs, std::uint32_t everyMs);
+
+// Says that this process owns the segments, and not its forks. owns(): whether it does.
+void becomeOwner();
+bool owns();
 
 // Forgets all handles, which stay valid: the next attach() begins anew. For tests, which change the
 // file tree below a process.
