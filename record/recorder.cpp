@@ -170,7 +170,8 @@ bool TRecorder::pass() {
   return true;
 }
 
-// Returns true iff the frame was taken after the start and is sound, and notes its time.
+// Returns true iff the frame was taken after the start and is sound, and notes its time and length.
+// The length is another process's word and may change meanwhile, so it is read this once.
 bool TRecorder::isNew(const SB_FRAME& frame) {
   const long length = static_cast<std::int32_t>(loadLe32(frame.length));
   if (length < 1 || length > sbGetFrameSize(handle_) - static_cast<long>(kFrameHeadBytes))
@@ -179,15 +180,16 @@ bool TRecorder::isNew(const SB_FRAME& frame) {
   std::int64_t seconds = 0;
   if (!time_.since(time, &seconds)) return false;
   frameTime_ = time;
+  frameLength_ = length;
   return true;
 }
 
 bool TRecorder::store(SB_FRAME& frame) {
-  const long length = static_cast<std::int32_t>(loadLe32(frame.length));
   if (!onPreview(frame)) return false;
   if (!onSetname(frameTime_, getExtention(frame.payload))) return false;
-  const long converted = onTranscode(frame.payload, length);
-  return converted > 0 ? onCapture(buffer_.get(), converted) : onCapture(frame.payload, length);
+  const long converted = onTranscode(frame.payload, frameLength_);
+  return converted > 0 ? onCapture(buffer_.get(), converted)
+                       : onCapture(frame.payload, frameLength_);
 }
 
 // Returns true iff the frame that was stored last reached the end of the recording. A start that

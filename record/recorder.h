@@ -122,8 +122,9 @@ class TRecorder : public PThread {
   TRecordingTime time_;
   TDateTime startTime_;
   TDateTime frameTime_;
-  unsigned pause_;   // seconds after each frame
-  TCamera* camera_;  // not owned
+  long frameLength_ = 0;  // of the frame's picture
+  unsigned pause_;        // seconds after each frame
+  TCamera* camera_;       // not owned
   long bufferLength_;
   std::unique_ptr<char[]> buffer_;  // converted pictures; null when there is no "video2"
   char mountPoint_[kPathBytes] = "";
