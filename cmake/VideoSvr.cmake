@@ -61,13 +61,18 @@ if(VS_SANITIZE)
   list(APPEND VS_TEST_OPTIONS -fno-sanitize=undefined)
 endif()
 
-# vs_test(NAME SOURCES file... LINKS library... [LABELS label...] [ONE_THREAD]): a GoogleTest program, one
-# CTest test per test case, each in a process of its own. ONE_THREAD: neither the test nor what it tests
-# has a second one, so that it is left out where races are watched.
+# vs_test(NAME SOURCES file... LINKS library... [LABELS label...] [SHARDS number] [TIMEOUT seconds]
+# [ONE_THREAD]): a GoogleTest program. It is run whole, because starting a process for each of its cases
+# costs more than the cases, or in that many parts, which run side by side. What each case came to stands
+# in cases/ of the build. ONE_THREAD: neither the test nor what it tests has a second one, so that it is
+# left out where races are watched.
 function(vs_test name)
-  cmake_parse_arguments(TEST "ONE_THREAD" "TIMEOUT" "SOURCES;LINKS;LABELS" ${ARGN})
+  cmake_parse_arguments(TEST "ONE_THREAD" "SHARDS;TIMEOUT" "SOURCES;LINKS;LABELS" ${ARGN})
   if(NOT TEST_TIMEOUT)
     set(TEST_TIMEOUT 300)
+  endif()
+  if(NOT TEST_SHARDS)
+    set(TEST_SHARDS 1)
   endif()
   add_executable(${name} ${TEST_SOURCES})
   target_link_libraries(${name} PRIVATE platform ${TEST_LINKS} gmock_main)
@@ -80,6 +85,11 @@ function(vs_test name)
     set_property(TARGET ${name} PROPERTY EXCLUDE_FROM_ALL ON)
     return()
   endif()
-  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
-                       PROPERTIES LABELS "${TEST_LABELS}" TIMEOUT ${TEST_TIMEOUT})
+  foreach(shard RANGE 1 ${TEST_SHARDS})
+    math(EXPR index "${shard} - 1")
+    add_test(NAME ${name}/${shard} COMMAND ${name})
+    set_tests_properties(${name}/${shard} PROPERTIES LABELS "${TEST_LABELS}" TIMEOUT ${TEST_TIMEOUT}
+      ENVIRONMENT "GTEST_TOTAL_SHARDS=${TEST_SHARDS};GTEST_SHARD_INDEX=${index};\
+GTEST_OUTPUT=xml:${CMAKE_BINARY_DIR}/cases/${name}.${shard}.xml")
+  endforeach()
 endfunction()
