@@ -23,6 +23,10 @@ TDateTime timeOfDay(const char* text) {
   return time;
 }
 
+std::uint32_t secondsOf(short hour, short minute, short second) {
+  return static_cast<std::uint32_t>((hour * 60 + minute) * 60 + second);
+}
+
 // Writes the number of the section that holds the schedule called `name` into `section`. Where
 // sections share the name, the one with the highest number counts. Returns false if there is none.
 bool findSection(const char* name, char (&section)[kNumberSize]) {
@@ -110,11 +114,9 @@ bool TSchedule::inside(const TDateTime& now, unsigned weekday) const {
   short minute = 0;
   short second = 0;
   now.decodeTime(hour, minute, second);
-  TDateTime time;
-  time.encode(2000, 0, 1, hour, minute, second);  // the reference day of the intervals
-  // They were placed on that day in the zone of their loading. A zone that was changed since has
-  // the same day at another point in time.
-  time = TDateTime(time.seconds() - TDateTime::sod().seconds() + sod_.seconds(), 0);
+  // On the reference day of the intervals, on which they were placed in the zone of their loading.
+  // A zone that was changed since has the same day at another point in time.
+  const TDateTime time(sod_.seconds() + secondsOf(hour, minute, second), 0);
   for (std::size_t i = 0; i < starts_.size() && i < stops_.size(); ++i)
     if (starts_[i] <= time && time <= stops_[i]) return true;
   return false;
