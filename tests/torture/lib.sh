@@ -32,6 +32,7 @@ judge() {
 end_trial() {
   local status=$?
   if [ "$ended" = no ]; then broken "$name" "the trial ended early" "status $status"; fi
+  set +e
   (exit $status)
   tear_down
 }
