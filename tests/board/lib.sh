@@ -9,6 +9,7 @@ if grep -q '^VS_SANITIZE:[A-Z]*=.' "$build/CMakeCache.txt"; then slow=4; fi
 usb=disk  # what start_daemon plugs in: see board/enter --usb
 smb=none  # what is mounted at /smb: see board/enter --smb
 drivers=''  # the library that the daemon has in the place of the kernel's drivers
+load=''  # a library that the daemon has besides
 boxes=()  # processes to be ended with the test
 
 fail() {
@@ -110,7 +111,9 @@ exit_of() {
 # launch PROGRAM [ARGUMENT...]: starts a program in the board; $box is the process around it.
 launch() {
   local arguments=()
-  [ -z "$drivers" ] || [ "$1" != "$build/core/video_svr" ] || arguments=(--drivers "$drivers")
+  if [ "$1" = "$build/core/video_svr" ]; then
+    arguments=(${drivers:+--drivers "$drivers"} ${load:+--load "$load"})
+  fi
   [ "$smb" != server ] || arguments+=(--sharefs "$build/board/share/sharefs")
   VS_LOG=stderr TZ=UTC \
     ASAN_OPTIONS=log_path=/var/log/camera/sanitizer:detect_stack_use_after_return=1 \
