@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr std::uint32_t kKeptMs = 10'000;
+constexpr std::uint32_t kKeptMs = 30'000;
 
 std::vector<pid_t> threadsOf(pid_t process) {
   std::vector<pid_t> threads;
@@ -68,13 +68,13 @@ void Evidence::sample(std::uint32_t nowMs) {
   while (nowMs - samples_.front().atMs > kKeptMs) samples_.pop_front();
 }
 
-long Evidence::waitedMs(std::uint32_t spanMs) const {
+long Evidence::waitedMs(std::uint32_t fromMs) const {
   if (samples_.empty()) return 0;
   const Sample& last = samples_.back();
   std::uint64_t before = last.waitedUs;
   for (auto at = samples_.rbegin(); at != samples_.rend(); ++at) {
     before = at->waitedUs;
-    if (last.atMs - at->atMs >= spanMs) break;
+    if (static_cast<std::int32_t>(fromMs - at->atMs) >= 0) break;
   }
   return static_cast<long>((last.waitedUs - before) / 1000);
 }

@@ -19,8 +19,8 @@ class Evidence {
 
   // Looks at the clocks; to be called often.
   void sample(std::uint32_t nowMs);
-  // How many ms were waited in the last `spanMs` before the last sample.
-  long waitedMs(std::uint32_t spanMs) const;
+  // How many ms were waited from that time to the last sample; at most of the last 30 s.
+  long waitedMs(std::uint32_t fromMs) const;
 
  private:
   struct Sample {

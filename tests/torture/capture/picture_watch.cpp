@@ -27,7 +27,9 @@ constexpr long kFrameWaitMs = 20;  // how often it looks at the clocks at least
 // for a processor about that long at that time. Half of a picture's time, because the rest of it
 // passes with work in any case.
 constexpr long kWaitedPerPictureMs = 16;
-constexpr std::uint32_t kAroundMs = 200;
+// What a thread waits is counted when it has a processor at last, which may be later.
+constexpr std::uint32_t kBeforeMs = 200;
+constexpr std::uint32_t kBehindMs = 600;
 constexpr std::size_t kSteady = 60;  // frames that show how far the stream is behind the hardware
 
 volatile std::sig_atomic_t ended = 0;
@@ -96,6 +98,7 @@ class Watch {
   void take(const SB_FRAME* frame, long size);
   void lookAtHardware();
   void noteMissed(long count, long spanMs);
+  void judgeMissed(bool all);
 
   const Options options_;
   Evidence evidence_;
@@ -107,6 +110,11 @@ class Watch {
   long frames_ = 0, pictures_ = 0, unseen_ = 0, broken_ = 0;
   bool known_ = false;  // the hardware's count at the beginning
   HardwareCount first_, last_;
+  struct Missed {
+    std::uint32_t fromMs, atMs;
+    long count;
+  };
+  std::deque<Missed> missedNow_;  // still to be judged
   long missed_ = 0, byMachine_ = 0, dropped_ = 0;
   Distance distance_;
 };
@@ -118,6 +126,7 @@ void Watch::step() {
     if (frame) take(frame.get(), sbGetFrameSize(sbVideo()));
   }
   if (!options_.node.empty()) lookAtHardware();
+  judgeMissed(false);
 }
 
 void Watch::take(const SB_FRAME* frame, long size) {
@@ -162,14 +171,24 @@ void Watch::lookAtHardware() {
 void Watch::noteMissed(long count, long spanMs) {
   if (count < 1) return;
   missed_ += count;
-  const long waited = evidence_.waitedMs(kAroundMs + static_cast<std::uint32_t>(spanMs));
-  const long excused = std::min(count, waited / kWaitedPerPictureMs);
-  byMachine_ += excused;
-  std::fprintf(stderr, "%8.3f s: %ld missed, %ld ms waited for a processor\n",
-               (monotonicMs() - begun_) / 1000.0, count, waited);
+  const std::uint32_t now = monotonicMs();
+  missedNow_.push_back({now - static_cast<std::uint32_t>(spanMs) - kBeforeMs, now, count});
+}
+
+void Watch::judgeMissed(bool all) {
+  const std::uint32_t now = monotonicMs();
+  while (!missedNow_.empty() && (all || now - missedNow_.front().atMs >= kBehindMs)) {
+    const Missed& missed = missedNow_.front();
+    const long waited = evidence_.waitedMs(missed.fromMs);
+    byMachine_ += std::min(missed.count, waited / kWaitedPerPictureMs);
+    std::fprintf(stderr, "%8.3f s: %ld missed, %ld ms waited for a processor\n",
+                 (missed.atMs - begun_) / 1000.0, missed.count, waited);
+    missedNow_.pop_front();
+  }
 }
 
 int Watch::report() {
+  judgeMissed(true);
   dropped_ += distance_.lost();
   const long lost = missed_ - byMachine_ + dropped_;
   const long given = options_.node.empty() ? pictures_ : last_.given - first_.given;
