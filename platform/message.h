@@ -24,6 +24,7 @@ int SendMessage(const char* process, int id, int argument1, int argument2, int t
 // Takes the oldest message for this process off its queue. Never blocks.
 // Returns 0 on success, -1 (and `*message` unchanged) when none is waiting. Main thread.
 // The first call opens the queue; until it can, every call tries, and each new reason logs
-// 2 "can't open the message queue: %s". A datagram that is no message is taken off as well and logs
-// 2 "message of %ld bytes dropped".
+// 2 "can't open the message queue: %s". A queue whose name somebody has removed is opened anew by
+// the next call, and logs 2 "the message queue was removed". A datagram that is no message is taken
+// off as well and logs 2 "message of %ld bytes dropped".
 int PeekMessage(TMessage* message);

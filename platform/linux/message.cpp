@@ -43,14 +43,17 @@ bool bindTo(int fd, const std::string& folder, const std::string& name) {
   return bound;
 }
 
+int queue = -1;         // this process's own; main thread, as the next
+std::string queuePath;  // its name
+
 // Returns this process's queue, made at the first call; -1 when it can't be made. Main thread.
 int ownQueue() {
-  static int queue = -1;
   static int reported = 0;  // the error that the log knows of
   if (queue >= 0) return queue;
   const int fd = newSocket();
   if (fd >= 0 && bindTo(fd, rooted(kFolder), processName())) {
     reported = 0;
+    queuePath = rooted(kFolder) + "/" + processName();
     return queue = fd;
   }
   if (reported != errno) {
@@ -59,6 +62,15 @@ int ownQueue() {
   }
   if (fd >= 0) close(fd);
   return -1;
+}
+
+// Somebody may have removed the queue's name, with all of the folder perhaps: then no message would
+// ever come again. The next call makes a new one. Another process's queue in its place is left.
+void closeUnlessNamed() {
+  if (access(queuePath.c_str(), F_OK) == 0 || errno != ENOENT) return;
+  logEx(2, "the message queue was removed");
+  close(queue);
+  queue = -1;
 }
 
 bool isProcessName(const char* name) {
@@ -87,12 +99,14 @@ int SendMessage(const char* process, int id, int argument1, int argument2, int t
 }
 
 int PeekMessage(TMessage* message) {
-  const int queue = ownQueue();
-  if (queue < 0) return -1;
+  if (ownQueue() < 0) return -1;
   for (int dropped = 0; dropped < kMostDropped; ++dropped) {
     TMessage received{};
     const ssize_t length = recv(queue, &received, sizeof received, MSG_DONTWAIT | MSG_TRUNC);
-    if (length < 0) return -1;
+    if (length < 0) {
+      closeUnlessNamed();
+      return -1;
+    }
     if (length == static_cast<ssize_t>(sizeof received)) {
       *message = received;
       return 0;

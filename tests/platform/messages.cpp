@@ -222,6 +222,27 @@ TEST(Messages, QueueThatCannotBeMadeIsToldOnceAndTriedAgain) {
   EXPECT_THAT(output, Not(HasSubstr("repeated")));
 }
 
+TEST(Messages, QueueWhoseNameWasRemovedIsMadeAnew) {
+  const TempRoot root;
+  std::string output;
+  inChild(
+      [&root] {
+        TMessage message{};
+        EXPECT_EQ(PeekMessage(&message), -1);
+        for (const char* gone : {"/run/camera/msg", "/run"}) {
+          EXPECT_EQ(SendMessage(processName(), 1, 0, 0), 0);
+          std::filesystem::remove_all(root.path(gone));
+          EXPECT_EQ(PeekMessage(&message), 0) << "what was waiting";
+          EXPECT_EQ(PeekMessage(&message), -1);
+          EXPECT_EQ(PeekMessage(&message), -1);
+          EXPECT_EQ(SendMessage(processName(), 2, 0, 0), 0);
+          EXPECT_EQ(PeekMessage(&message), 0);
+        }
+      },
+      &output);
+  EXPECT_THAT(output, HasSubstr("the message queue was removed"));
+}
+
 TEST(Messages, FromManyThreadsArriveWhole) {
   const TempRoot root;
   const Peer peer(root, "socmond");
