@@ -34,10 +34,11 @@ unsigned sleep(unsigned seconds);
 int usleep(unsigned long microseconds);
 
 // Runs `command` by the shell and waits for it. The command starts with an empty signal mask,
-// default dispositions and no descriptor but 0 to 2. SIGINT and SIGTERM still reach the daemon
-// meanwhile. Nothing but plain words is run, see platform/linux/plain_command.h: other lines log 2
-// "unsafe command refused: %s" and fail with EACCES. Returns the exit status as waitpid() gives it,
-// -1 when no shell could be started. Any thread.
+// default dispositions, no descriptor but 0 to 2, and the process's first file mode mask. SIGINT
+// and SIGTERM still reach the daemon meanwhile. Nothing but plain words is run, see
+// platform/linux/plain_command.h: other lines log 2 "unsafe command refused: %s" and fail with
+// EACCES. Returns the exit status as waitpid() gives it, -1 when no shell could be started. Any
+// thread.
 int system(const char* command);
 
 }  // namespace os

@@ -4,6 +4,7 @@
 #include <malloc.h>
 #include <signal.h>
 #include <sys/eventfd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -22,6 +23,8 @@ char** TApplication::argv = nullptr;
 Relaxed<bool> TApplication::stopped;
 
 namespace {
+
+constexpr mode_t kMask = 027;  // the camera's group reads what the daemon makes, nobody else does
 
 TApplication* theApplication = nullptr;
 int stopFd = -1;  // an eventfd, readable from the signal on and never emptied
@@ -99,6 +102,7 @@ int TApplication::main(int count, char** values) {
   }
   shareHeap();
   fillStandardDescriptors();
+  umask(kMask);  // whatever it was started with
   stopFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   if (stopFd < 0 || !startWatchdog(stopFd)) {
     logEx(3, "can't watch over the shutdown: %s", std::strerror(errno));

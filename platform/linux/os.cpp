@@ -3,6 +3,7 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,7 +11,9 @@
 #include <cerrno>
 #include <climits>
 #include <cstdint>
+#include <cstdio>
 #include <limits>
+#include <string>
 
 #include "platform/linux/plain_command.h"
 #include "platform/linux/safe_path.h"
@@ -29,6 +32,14 @@ auto retry(Call call) {
   return result;
 }
 
+// What a process that makes files for the camera's group alone was started with. Its commands,
+// which belong to the system, have it, too. Read while there is no other thread.
+const mode_t startMask = [] {
+  const mode_t mask = umask(0);
+  umask(mask);
+  return mask;
+}();
+
 // Starts `/bin/sh -c command`. Returns its process id, -1 when it could not be started.
 pid_t startShell(const char* command) {
   posix_spawnattr_t attributes;
@@ -44,7 +55,10 @@ pid_t startShell(const char* command) {
   posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
   // Ours close on exec; this is for what libraries have opened.
   posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
-  const char* const arguments[] = {"sh", "-c", command, nullptr};
+  char mask[16];
+  std::snprintf(mask, sizeof mask, "umask %03o; ", static_cast<unsigned>(startMask));
+  const std::string line = std::string(mask) + command;
+  const char* const arguments[] = {"sh", "-c", line.c_str(), nullptr};
   pid_t child = -1;
   const int error = posix_spawn(&child, "/bin/sh", &actions, &attributes,
                                 const_cast<char* const*>(arguments), environ);

@@ -8,6 +8,7 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -172,6 +173,26 @@ TEST(Application, MissingStandardDescriptorsAreFilled) {
     return runWith(application);
   });
   EXPECT_EQ(child.wait(), 0);
+}
+
+TEST(Application, FilesAreForItsGroupWhateverItWasStartedWithAndCommandsAreNotConcerned) {
+  const TempRoot root;
+  const std::string command = root.script("umask >" + root.path("/of-command"));
+  Child child([&] {
+    umask(0);
+    TestApplication application;
+    application.running = [&] {
+      const mode_t mask = umask(0);
+      return mask == 027 && os::system(command.c_str()) == 0;
+    };
+    return runWith(application);
+  });
+  EXPECT_EQ(child.wait(), 0);
+  const mode_t own = umask(022);
+  umask(own);
+  char expected[16];
+  std::snprintf(expected, sizeof expected, "%04o\n", static_cast<unsigned>(own));
+  EXPECT_EQ(readFile(root.path("/of-command")), expected);
 }
 
 TEST(Application, ArgumentsAreKept) {
