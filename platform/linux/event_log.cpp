@@ -24,7 +24,8 @@ constexpr char kFolder[] = "/var/log/camera";
 constexpr char kFile[] = "/var/log/camera/events.log";
 
 int openFile(const std::string& path) {
-  return open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0640);
+  // Without waiting, should it be a pipe that nobody reads.
+  return open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0640);
 }
 
 // Returns the event log's descriptor, with room for `length` more bytes; -1 with `errno` otherwise.

@@ -28,14 +28,26 @@ int getMountState(const char* mountPoint, int* state) {
   return 0;
 }
 
+// Returns true iff it is a file; otherwise `errno` tells what is wrong with it.
+bool isFile(const struct stat& status) {
+  if (S_ISREG(status.st_mode)) return true;
+  errno = S_ISDIR(status.st_mode) ? EISDIR : S_ISLNK(status.st_mode) ? ELOOP : EINVAL;
+  return false;
+}
+
+// What has the name already is looked at before it is opened: on a storage that somebody plugs in
+// it may be a device, which does something when it is opened.
 int openFile(int parent, const char* name, int flags) {
   // Without waiting, so that a pipe under the name of a file can't hold the caller.
-  Fd file(openat(parent, name, flags | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, kFileMode));
+  const int always = O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
+  if ((flags & O_CREAT) != 0) {
+    const int made = openat(parent, name, flags | O_EXCL | always, kFileMode);
+    if (made >= 0 || errno != EEXIST || (flags & O_EXCL) != 0) return made;
+  }
   struct stat status {};
-  if (file.get() < 0 || fstat(file.get(), &status) != 0) return -1;
-  if (S_ISREG(status.st_mode)) return file.release();
-  errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
-  return -1;
+  if (fstatat(parent, name, &status, AT_SYMLINK_NOFOLLOW) != 0 || !isFile(status)) return -1;
+  Fd file(openat(parent, name, (flags & ~O_CREAT) | always));
+  return file.valid() && fstat(file.get(), &status) == 0 && isFile(status) ? file.release() : -1;
 }
 
 }  // namespace

@@ -44,6 +44,13 @@ mode_t modeOf(const std::string& path) {
   return stat(path.c_str(), &found) == 0 ? found.st_mode & 07777 : 0;
 }
 
+TEST_F(EventLog, APipeInItsPlaceHoldsNobody) {
+  makeFolder();
+  ASSERT_EQ(mkfifo(root.path(kFile).c_str(), 0600), 0);
+  log_event(501);
+  EXPECT_TRUE(log.waitFor("2 can't write the event log: No such device or address"));
+}
+
 TEST_F(EventLog, LinesTellUtcTimeNumberAndText) {
   setenv("TZ", "XXX-5", 1);
   tzset();

@@ -3,9 +3,11 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -144,6 +146,22 @@ TEST_F(Storage, OpenFailsWhereAFolderOrAPipeIsInTheWay) {
   EXPECT_EQ(open2("/usb/pipe", O_WRONLY | O_CREAT), -1);  // and does not wait for a reader
   EXPECT_EQ(open2(("/usb/" + std::string(256, 'n')).c_str(), O_WRONLY | O_CREAT), -1);
   EXPECT_EQ(errno, ENAMETOOLONG);
+}
+
+// Opening one may rewind a tape, or begin to watch over the system.
+TEST_F(Storage, OpenDoesNotTouchADeviceThatHasTheNameOfAFile) {
+  ASSERT_EQ(mkfifo(root_.path("/usb/pipe").c_str(), 0600), 0);
+  // A reader is told of every writer that opens the pipe, even of one that closes it at once.
+  const int reader = open(root_.path("/usb/pipe").c_str(), O_RDONLY | O_NONBLOCK);
+  EXPECT_EQ(open2("/usb/pipe", O_WRONLY | O_CREAT), -1);
+  EXPECT_EQ(errno, EINVAL);
+  pollfd told{reader, POLLIN, 0};
+  EXPECT_EQ(poll(&told, 1, 0), 0) << "it was opened";
+  close(reader);
+  if (mknod(root_.path("/usb/null").c_str(), S_IFCHR | 0600, makedev(1, 3)) != 0)
+    GTEST_SKIP() << "no devices can be made here";
+  EXPECT_EQ(open2("/usb/null", O_WRONLY | O_CREAT), -1);
+  EXPECT_EQ(errno, EINVAL);
 }
 
 TEST_F(Storage, ReadsTheListOfMounts) {

@@ -254,6 +254,23 @@ TEST_F(Recordings, AFolderIsNotMadeInAFileOrBehindALink) {
   EXPECT_TRUE(fs::is_empty(root_.path("/etc")));
 }
 
+// Somebody may have put the link there after the file was found.
+TEST_F(Recordings, AFileBehindALinkIsNotRemoved) {
+  folder("/etc");
+  file("/etc/120000.avi");
+  folder("/smb/camera");
+  fs::create_directory_symlink(root_.path("/etc"), root_.path("/smb/camera/20260102"));
+  EXPECT_EQ(os::unlink("/smb/camera/20260102/120000.avi"), -1);
+  EXPECT_EQ(errno, ELOOP);
+  EXPECT_EQ(os::unlink("/smb/camera/../../etc/120000.avi"), -1);
+  EXPECT_EQ(errno, EACCES);
+  EXPECT_TRUE(fs::exists(root_.path("/etc/120000.avi")));
+  EXPECT_EQ(os::unlink("/smb/camera/20260102"), 0) << "the link itself";
+  file("/smb/camera/120000.avi");
+  EXPECT_EQ(os::unlink("/smb/camera/120000.avi"), 0);
+  EXPECT_FALSE(fs::exists(root_.path("/smb/camera/120000.avi")));
+}
+
 TEST_F(Recordings, FoldersThatOthersMakeAtTheSameTimeAreNoError) {
   std::atomic<int> failed{0};
   atOnce(4, 50, [&](int, int n) {
