@@ -124,6 +124,16 @@ TEST_F(Housekeeping, TheHourIsCheckedWhenItBeginsButNotAtMidnight) {
   }
 }
 
+TEST_F(Housekeeping, TheDaysOnWhichCalendarsGoWrongAreLikeAnyOther) {
+  for (const char* start : {"2038-01-19 03:10:00", "2100-02-28 22:50:00", "2096-02-28 22:50:00",
+                            "2099-12-31 22:50:00", "2100-03-28 00:50:00", "2100-10-31 00:50:00"}) {
+    script = Script{};
+    script.sambaGone = {0, 600000};
+    begin(kEurope, start);
+    expectAsCalculated(3 * 3600000);
+  }
+}
+
 TEST_F(Housekeeping, AChangedConfigurationIsSeenWithinThreeSeconds) {
   begin("UTC", "2024-06-01 10:00:00");
   for (int i = 1; i <= 30; ++i) script.configChanges[i * 9100] = 1800 + i;

@@ -162,9 +162,10 @@ TEST_P(Oracle, EveryMinuteOfAWeekAgrees) {
   const std::vector<Form> all = forms();
   putSchedules(fileOf(all));
 
-  // Weeks without a switch, and around the switches of both hemispheres.
-  const std::time_t weeks[] = {1704585600, 1710028800, 1711756800,
-                               1712361600, 1727913600, 1729987200};
+  // Weeks without a switch, around the switches of both hemispheres, around the end of 31 bits, and
+  // of a February without a leap day.
+  const std::time_t weeks[] = {1704585600, 1710028800, 1711756800, 1712361600,
+                               1727913600, 1729987200, 2147299200, 4107110400};
   long differences = 0;
   long compared = 0;
   for (std::size_t n = 0; n < all.size(); ++n) {
