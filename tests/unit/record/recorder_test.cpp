@@ -137,6 +137,16 @@ TEST_F(Recorder, LongestDurationDoesNotOverflow) {
   EXPECT_THAT(recorder.pictures, SizeIs(testing::Ge(18U)));
 }
 
+TEST_F(Recorder, TheMostNegativeDurationsRecordOnePicture) {
+  for (const long duration : {-1L, std::numeric_limits<long>::min() + 5}) {
+    recorder.pictures.clear();
+    pictures(fake.video2, 0.1, 0.1, kPictureEnds);
+    recorder.start(duration);
+    runBodies(recorder);
+    EXPECT_THAT(recorder.pictures, SizeIs(1)) << duration;
+  }
+}
+
 TEST_F(Recorder, JpegIsStoredAsItIs) {
   fake.at(0.1, [this] { fake.video2.push("\xFF\xD8 picture"); });
   recorder.start(0);
@@ -197,6 +207,8 @@ TEST_F(RecordFixture, BufferSmallerThanARecordHasNoRoomToConvertInto) {
 TEST_F(Recorder, FrameOfImpossibleLengthIsPassedOver) {
   fake.at(0.1, [this] { push(fake.video2, std::numeric_limits<std::int32_t>::max()); });
   fake.at(0.2, [this] { push(fake.video2, kUsable + 1); });
+  fake.at(0.25, [this] { push(fake.video2, 0); });
+  fake.at(0.26, [this] { push(fake.video2, -1); });
   fake.at(0.3, [this] { fake.video2.push("\xFF\xD8" + std::string(kUsable - 2, 'x')); });
   recorder.start(0);
   runBodies(recorder);

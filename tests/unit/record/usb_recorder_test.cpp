@@ -170,6 +170,12 @@ TEST_F(UsbRecorder, WriteThatFailsDoesNotEndTheRecording) {
   }
 }
 
+TEST_F(UsbRecorder, WriteThatTakesNothingIsAFailure) {
+  fake.files.shortWrites(0);
+  EXPECT_TRUE(record(0));
+  EXPECT_THAT(failures(), ElementsAre("log_event(517)"));
+}
+
 // A picture that was stored before stays whole, and the next look finds the storage gone.
 TEST_F(UsbRecorder, StoragePulledWhileWritingEndsTheRecordingAtTheNextPicture) {
   fake.at(1, [this] { fake.failsWith("os::write", EIO); });
