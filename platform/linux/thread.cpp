@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <initializer_list>
@@ -242,8 +243,10 @@ std::int64_t ThreadAccess::pause(std::int64_t microseconds) {
   }
   pollfd stop{mainStopFd, POLLIN, 0};
   for (std::int64_t left = microseconds; left > 0; left = end - monotonicUs()) {
-    const timespec span = monotonicPoint(left);
-    if (ppoll(&stop, 1, &span, nullptr) > 0) return left;
+    // In milliseconds: on 32 bit the C library's fortified ppoll() takes a 64-bit time for a short
+    // one.
+    const std::int64_t ms = std::min<std::int64_t>((left + 999) / 1000, INT_MAX);
+    if (poll(&stop, 1, static_cast<int>(ms)) > 0) return left;
   }
   return 0;
 }

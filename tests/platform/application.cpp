@@ -283,6 +283,26 @@ TEST(Application, PausesBeforeTheSignalAreWhole) {
   EXPECT_EQ(child.wait(), 0);
 }
 
+TEST(Application, PausesOfTheMainThreadLeaveTheProcessorToOthers) {
+  Child child([] {
+    TestApplication application;
+    application.running = [] {
+      timespec before{};
+      timespec after{};
+      clock_gettime(CLOCK_THREAD_CPUTIME_ID, &before);
+      os::usleep(400000);
+      clock_gettime(CLOCK_THREAD_CPUTIME_ID, &after);
+      const auto used =
+          (after.tv_sec - before.tv_sec) * 1000 + (after.tv_nsec - before.tv_nsec) / 1000000;
+      if (used > 200) say("busy");
+      return true;
+    };
+    return runWith(application);
+  });
+  EXPECT_EQ(child.wait(), 0);
+  EXPECT_EQ(child.output(), "initial\nrunning\nrelease\n");
+}
+
 TEST(Application, WritingToAClosedPipeDoesNotEndIt) {
   Child child([] {
     TestApplication application;

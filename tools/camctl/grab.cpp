@@ -19,7 +19,7 @@
 namespace {
 
 // A slow camera with many predicted pictures makes a key picture rarely.
-constexpr long kNoKeyPictureMs = 30000;
+constexpr std::uint32_t kNoKeyPictureMs = 30000;
 constexpr std::size_t kAviMore = 1024;  // more than a file has besides its picture
 
 bool writeAll(int fd, const std::string& data) {
@@ -77,7 +77,7 @@ class Grab {
   }
 
   // For how long to look, and for what.
-  long patienceMs() const { return isStream_ ? kNoKeyPictureMs : kNoPictureMs; }
+  std::uint32_t patienceMs() const { return isStream_ ? kNoKeyPictureMs : kNoPictureMs; }
   const char* wanted() const { return isStream_ ? "key picture" : "picture"; }
 
  private:
