@@ -37,17 +37,20 @@ board_memory() {
 # shared with containers, whose boards' folders can't be seen from here, and are not gone for that.
 board_view() { readlink /proc/self/ns/mnt; }
 
-# board_sweep: gives back the memory and the registry entries of boards whose folders are gone.
+# board_sweep: gives back the memory and the registry entries of boards whose folders are gone. No program
+# is started for a board, as there may be hundreds, and each that is made or removed comes here.
 board_sweep() {
-  local entry registry view
+  local entry registry view of
   view=$(board_view)
   registry=$(board_registry)
   for entry in "$registry"/*; do
-    if [ -L "$entry" ] && ! board_is "$(readlink "$entry")"; then rm -f -- "$entry"; fi
+    if [ -L "$entry" ] && ! board_is "$entry"; then rm -f -- "$entry"; fi
   done
   for entry in /dev/shm/video_svr-board-"$(id -u)"-*; do
-    [ "$(cat -- "$entry/.view" 2>/dev/null)" = "$view" ] || continue
-    if [ -L "$entry/.board" ] && ! board_is "$(readlink "$entry/.board")"; then rm -rf -- "$entry"; fi
+    of=''
+    read -r of 2>/dev/null <"$entry/.view" || true
+    [ "$of" = "$view" ] || continue
+    if [ -L "$entry/.board" ] && ! board_is "$entry/.board"; then rm -rf -- "$entry"; fi
   done
 }
 
