@@ -26,7 +26,8 @@ sample() {
   local bytes blocks names
   age
   read -r bytes blocks _ < <(counted)
-  names=("/proc/$daemon/fd/"*)
+  # Without those by which the clock looks at threads.
+  mapfile -t names < <(find "/proc/$daemon/fd" -type l ! -lname '/proc/*')
   set -- "$1" "$(resident "$daemon")" "${#names[@]}"
   names=("/proc/$daemon/task/"*)
   echo "$age $2 $bytes $blocks $3 ${#names[@]}" >>"$1"
@@ -247,15 +248,13 @@ live_in_modes() {
     camctl trigger web1
     boardctl motion off
     sleep 0.4
-    rm -f "$board/run/camera/io/input_used"
-    camctl reload
     change brightness $((100 + turn % 50))
     change flip $((turn % 2))
     change compression 6
     change resolution 7
     change mode 1
-    eventually 20 events_are_built
     settle mode 1
+    reads_anew
     born=$(($(now_ms) - changes * day * 1000 / changes_a_day))
     [ $turn -le 1 ] || sample "$samples"
   done

@@ -219,9 +219,11 @@ void* beat(void*) {
   prctl(PR_SET_NAME, "pacemaker");
   prctl(PR_SET_TIMERSLACK, 1);
   for (;;) {
-    const std::int64_t first = wakeDue();
-    // Twice, because the threads are not looked at in one moment.
-    if (shared->leaping != 0 && first != 0 && first != INT64_MAX && allSleep() && allSleep()) {
+    // Who waits is asked when nobody works, for a wait that comes up meanwhile may be the first;
+    // and whether nobody works is asked twice, because the threads are not looked at in one moment.
+    const bool mayLeap = wakeDue() != 0 && shared->leaping != 0 && allSleep();
+    const std::int64_t first = mayLeap ? wakeDue() : 0;
+    if (first != 0 && first != INT64_MAX && allSleep()) {
       const std::int64_t ahead = first - realNow();
       if (ahead > shared->aheadNs) shared->aheadNs = ahead;
       shared->leaps = shared->leaps + 1;
