@@ -293,8 +293,8 @@ TEST(Application, PausesOfTheMainThreadLeaveTheProcessorToOthers) {
       os::usleep(400000);
       clock_gettime(CLOCK_THREAD_CPUTIME_ID, &after);
       const auto used =
-          (after.tv_sec - before.tv_sec) * 1000 + (after.tv_nsec - before.tv_nsec) / 1000000;
-      if (used > 200) say("busy");
+          (after.tv_sec - before.tv_sec) * 1000000 + (after.tv_nsec - before.tv_nsec) / 1000;
+      if (used > 15000) say("busy");  // who turns round and round gets more even of a busy machine
       return true;
     };
     return runWith(application);
