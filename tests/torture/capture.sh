@@ -180,6 +180,23 @@ round() {
 # seen_of CAMERA FILTER: what its watch has counted.
 seen_of() { jq -r "$2" "$work/$1.seen"; }
 
+# the_judges_see: true iff cameras that stand still for a moment lose pictures, by what their watches say.
+the_judges_see() {
+  local camera blind=''
+  for camera in "${cameras[@]}"; do urgent watch "$camera"; done
+  sleep 1
+  kill -STOP "${daemon_of[@]}"
+  sleep 0.5
+  kill -CONT "${daemon_of[@]}"
+  sleep 1.5
+  for camera in "${cameras[@]}"; do
+    kill -TERM "${watch_of[$camera]}"
+    if wait "${watch_of[$camera]}"; then blind+=" $camera"; fi
+    echo "$camera, stopped for 0.5 s: $(cat "$work/$camera.seen")"
+  done
+  [ -z "$blind" ]
+}
+
 trial_capture() {
   local camera rounds=0 begun reached='' lost=0 machine
   local -A stuck_of=()
@@ -214,6 +231,7 @@ trial_capture() {
     if grep -q 'video buffer busy' "$work/$camera/var/log/camera/daemon.log"; then reached+=' buffer busy' lost=1; fi
     if [ "${stuck_of[$camera]:-no}" = no ]; then reached+=' disk never hung' lost=1; fi
   done
+  the_judges_see || reached+=' but a loss would not be seen' lost=1
   judge test $lost -eq 0 -- 'capture never stops for a consumer, disk or network' \
     "3 cameras, $rounds rounds in $begun s: FTP, mail, share and disk hung, disks full and gone, 9 of 16 frames kept by readers stopped and killed" \
     "${reached#, }"
