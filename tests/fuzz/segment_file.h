@@ -1,0 +1,26 @@
+// A stream buffer's file as a process that means harm leaves it, and goes on changing it: patches
+// of its words, which come from the input. One thread.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "tests/fuzz/fuzz.h"
+
+namespace segment_file {
+
+// Below the platform's root, which is a folder of this process in memory, removed at its end.
+void prepare();
+
+// Makes the file of "video" anew: a sound segment but for the patches that the input begins with.
+void make(Input* input);
+
+// Until end(), what the code under test passes on its way decides when the input's next patch
+// comes.
+void begin(Input* input);
+void end();
+
+// Puts the mappings that were made since the last call out of the world, with their files.
+void unmapAll();
+
+}  // namespace segment_file
