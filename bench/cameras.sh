@@ -14,18 +14,35 @@ frames_of() { on "$1" status | awk '$2 == "frame-count" {sub(/\*$/, "", $3); pri
 delivers() { [ "$(frames_of "$1")" -gt "$2" ]; }
 taken() { ! on "$1" status | awk -v name="$2" '$2 == name {print $3}' | grep -q '\*$'; }
 
+# notices_inputs BOARD: waits until its main loop does. The input's state alone fires nothing.
+notices_inputs() {
+  local state
+  for state in on off; do
+    on "$1" input "$state"
+    await 20 shows "$1" "input $state"
+  done
+}
+shows() { on "$1" status | grep '^status' | grep -qF -- "$2,"; }
+
 # write_events BOARD WHAT: what its events do, from now on. "relays": a relay for each motion window;
-# "recorder": a recorder takes a picture a second as well.
+# "recorder": a recorder takes a picture a second as well. "web": a relay for each web trigger; "input": the
+# digital input switches the first relay.
 write_events() {
+  local -A sources=([relays]='1 0 1 1 2 1 2 2' [recorder]='1 0 1 1 2 1 2 2' [web]='1 6 1 1 2 5 2 2'
+    [input]='1 2 1 1')
   {
     printf '[Main]\nMax = 3\n'
+    # shellcheck disable=SC2086
     printf '[%s]\nErased = 0\nSchedule = always\nSource = %s\nOut%s = 1\nOut%sDuration = 1\n' \
-      1 0 1 1 2 1 2 2
+      ${sources[$2]}
     [ "$2" != recorder ] ||
       printf '[3]\nErased = 0\nSchedule = always\nSource = 3\nInterval = 1\nUsb = 1\nUsbFolder = bench\n'
   } >"$1/etc/events.conf"
+  # The main loop goes on when it has built those from before, and again when it has built these.
+  notices_inputs "$1"
   on "$1" reload
   await 10 taken "$1" config-changed
+  notices_inputs "$1"
 }
 
 # start_daemon BOARD OPTION...: with $library as its drivers where that is set.

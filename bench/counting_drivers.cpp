@@ -10,6 +10,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 
 namespace {
@@ -66,6 +67,11 @@ void* countedCalloc(std::size_t number, std::size_t size) ANSWERS("calloc");
 void* countedRealloc(void* memory, std::size_t size) ANSWERS("realloc");
 void* countedCopy(void* to, const void* from, std::size_t size) ANSWERS("memcpy");
 void* countedMove(void* to, const void* from, std::size_t size) ANSWERS("memmove");
+// What the daemon's build makes of those whose destination it knows.
+void* countedCheckedCopy(void* to, const void* from, std::size_t size, std::size_t room)
+    ANSWERS("__memcpy_chk");
+void* countedCheckedMove(void* to, const void* from, std::size_t size, std::size_t room)
+    ANSWERS("__memmove_chk");
 
 void* countedMalloc(std::size_t size) {
   countAllocation();
@@ -92,6 +98,16 @@ void* countedMove(void* to, const void* from, std::size_t size) {
   countCopy(size);
   bcopy(from, to, size);
   return to;
+}
+
+void* countedCheckedCopy(void* to, const void* from, std::size_t size, std::size_t room) {
+  if (size > room) abort();
+  return countedCopy(to, from, size);
+}
+
+void* countedCheckedMove(void* to, const void* from, std::size_t size, std::size_t room) {
+  if (size > room) abort();
+  return countedMove(to, from, size);
 }
 
 }  // extern "C"

@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/table.h"
 #include "capture/chunk_trailer.h"
 #include "core/status_slots.h"
 #include "platform/bytes.h"
@@ -225,6 +226,12 @@ void report(const char* what, const Daemon& daemon, const std::vector<Cat>& cats
   }
   std::printf("%-58s %8.2f, per byte %.2f%s\n", what, daemon.time / samePictures,
               daemon.time / sameBytes, what[0] == ' ' ? "" : " (reach: at most 2)");
+  std::string name = what;
+  name.erase(0, name.find_first_not_of(' '));
+  if (const std::size_t cat = name.find(" against cat"); cat != std::string::npos) name.resize(cat);
+  tableLine(name + ", processor time a picture", tableValue(daemon.time / all.count * 1e6, "us"),
+            "cat of the same pictures, " + tableValue(samePictures / all.count * 1e6, "us"),
+            daemon.time / samePictures, what[0] == ' ' ? "-" : "at most 2");
   std::printf("  %.1f us at %.1f pictures/s of %.1f kB", daemon.time / all.count * 1e6,
               rate(all, daemon.seconds), all.bytes / all.count * 1e-3);
   if (daemon.captureTime > 0)

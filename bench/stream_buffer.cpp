@@ -25,6 +25,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/table.h"
 #include "platform/bytes.h"
 #include "platform/linux/root.h"
 #include "platform/linux/stream_buffer_owner.h"
@@ -35,6 +36,7 @@ namespace {
 constexpr std::size_t kFrameBytes = 100'000;
 constexpr std::uint32_t kFrames = 16;
 constexpr std::uint32_t kFrameSize = 256 << 10;
+constexpr int kMostReaders = 63;      // of 64 places one is the writer's own
 constexpr long kTickNs = 11'111'111;  // three things in turns, each 30 times a second
 
 std::uint64_t nowNs() {
@@ -103,6 +105,9 @@ void flatOut() {
   munmap(ring, std::size_t{kFrames} * kFrameSize);
   std::printf("%-58s %8.2f (reach: 0.85)   %.1f us a frame\n",
               "publish flat out, against copying the same bytes", median(ratios), median(perFrame));
+  tableLine("stream buffer, publish flat out", tableValue(median(perFrame), "us a frame of 100 kB"),
+            "memcpy of the same bytes, " + tableValue(median(perFrame) * median(ratios), "us"),
+            median(ratios), "at least 0.85");
 }
 
 // Samples that the readers leave behind.
@@ -160,29 +165,62 @@ void socketReader(int fd, Samples& samples) {
   }
 }
 
-// From "the picture is there" to "a reader has it", 30 times a second.
-void latency(int readers) {
-  auto* samples = static_cast<Samples*>(sharedMemory(3 * sizeof(Samples)));
-  auto* bare = static_cast<Bare*>(sharedMemory(sizeof(Bare)));
+// A child of each kind for each reader, and the sockets that lead to them.
+struct Readers {
+  Readers(int count, Bare* bare, Samples* samples) {
+    for (int i = 0; i < count; ++i) {
+      pids.push_back(start([&] { futexReader(*bare, samples[0]); }));
+      pids.push_back(start([&] { bufferReader(samples[1]); }));
+      int pair[2];
+      if (socketpair(AF_UNIX, SOCK_STREAM, 0, pair) != 0) std::abort();
+      const int size = 1 << 20;
+      setsockopt(pair[0], SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
+      pids.push_back(start([&] { socketReader(pair[1], samples[2]); }));
+      close(pair[1]);
+      sockets.push_back(pair[0]);
+    }
+  }
+  ~Readers() {
+    killAll(pids);
+    for (const int fd : sockets) close(fd);
+  }
+
   std::vector<pid_t> pids;
   std::vector<int> sockets;
-  pids.push_back(start([&] { futexReader(*bare, samples[0]); }));
-  for (int i = 0; i < readers; ++i) {
-    pids.push_back(start([&] { bufferReader(samples[1]); }));
-    int pair[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM, 0, pair) != 0) std::abort();
-    const int size = 1 << 20;
-    setsockopt(pair[0], SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
-    pids.push_back(start([&] { socketReader(pair[1], samples[2]); }));
-    close(pair[1]);
-    sockets.push_back(pair[0]);
-  }
+};
+
+void reportLatency(int readers, const Samples* samples, double copyUs) {
+  const double futex = median(samples[0].all()) / 1000;
+  const double buffer = median(samples[1].all()) / 1000;
+  const double socket = median(samples[2].all()) / 1000;
+  const std::string who = std::to_string(readers) + (readers == 1 ? " reader" : " readers");
+  const char* const limit = readers == 1 ? "1.5" : "none";
+  const char* const socketLimit = readers == 1 ? "0.45" : "0.5";
+  std::printf("%-58s %8.2f (reach: %s)    %.1f us, the copy %.1f us, futex %.1f us\n",
+              ("ready to readable, " + who + ", p50, against a futex wake").c_str(), buffer / futex,
+              limit, buffer, copyUs, futex);
+  std::printf("%-58s %8.2f (reach: %s)   socket %.1f us\n",
+              "  the same against a socket that carries the frame", buffer / socket, socketLimit,
+              socket);
+  const std::string what = "stream buffer, ready to readable, " + who + ", p50";
+  tableLine(what, tableValue(buffer, "us"), "futex wake of as many " + tableValue(futex, "us"),
+            buffer / futex, readers == 1 ? "at most 1.5" : "-");
+  tableLine(what, tableValue(buffer, "us"),
+            "Unix socket with the frame " + tableValue(socket, "us"), buffer / socket,
+            std::string("at most ") + socketLimit);
+}
+
+// From "the picture is there" to "a reader has it", 30 times a second.
+void latency(int readers, int pictures) {
+  auto* samples = static_cast<Samples*>(sharedMemory(3 * sizeof(Samples)));
+  auto* bare = static_cast<Bare*>(sharedMemory(sizeof(Bare)));
+  const Readers children(readers, bare, samples);
   usleep(200'000);
   std::vector<char> source(kFrameBytes, 'x');
   std::vector<double> copies;
   timespec due{};
   clock_gettime(CLOCK_MONOTONIC, &due);
-  for (int tick = 0; tick < 3 * 240; ++tick) {
+  for (int tick = 0; tick < 3 * pictures; ++tick) {
     due.tv_nsec += kTickNs;
     if (due.tv_nsec >= 1'000'000'000) {
       due.tv_nsec -= 1'000'000'000;
@@ -202,27 +240,13 @@ void latency(int readers) {
       copies.push_back(static_cast<double>(nowNs() - before));
       storeLe32(frame->length, kFrameBytes);
     } else {
-      for (const int fd : sockets) {
+      for (const int fd : children.sockets) {
         if (write(fd, source.data(), kFrameBytes) != ssize_t{kFrameBytes}) std::abort();
       }
     }
   }
   usleep(100'000);
-  killAll(pids);
-  for (const int fd : sockets) close(fd);
-  const double futex = median(samples[0].all()) / 1000;
-  const double buffer = median(samples[1].all()) / 1000;
-  const double socket = median(samples[2].all()) / 1000;
-  if (readers == 1) {
-    std::printf("%-58s %8.2f (reach: 1.5)    %.1f us, the copy %.1f us, futex %.1f us\n",
-                "ready to readable, 1 reader, p50, against a futex wake", buffer / futex, buffer,
-                median(copies) / 1000, futex);
-    std::printf("%-58s %8.2f (reach: 0.45)   socket %.1f us\n",
-                "  the same against a socket that carries the frame", buffer / socket, socket);
-  } else {
-    std::printf("%-58s %8.2f (reach: 0.5)    %.1f us, socket %.1f us\n",
-                "  with 16 readers, against the socket", buffer / socket, buffer, socket);
-  }
+  reportLatency(readers, samples, median(copies) / 1000);
 }
 
 double nsPerCall(const std::function<void(int)>& calls) {
@@ -295,6 +319,10 @@ void kills(int count) {
     ++killed;
   }
   killAll(readers);
+  tableLine("stream buffer, longest reserve while 8 readers are killed",
+            tableValue(static_cast<double>(longest) / 1e6, "ms") + ", " + std::to_string(stalls) +
+                " stalls in " + std::to_string(count) + " kills",
+            "5 ms", static_cast<double>(longest) / 5e6, "at most 1");
   std::printf("%-58s %8.2f (reach: 5)      ms; %u stalls in %d kills, %u frames\n",
               "longest reserve while 8 readers are killed", static_cast<double>(longest) / 1e6,
               stalls, count, frames);
@@ -365,8 +393,10 @@ int main(int argc, char** argv) {
   if (!sb::ownSegments(sizes)) return 1;
   setvbuf(stdout, nullptr, _IOLBF, 0);
   flatOut();
-  latency(1);
-  latency(16);
+  latency(1, 240);
+  latency(4, 60);
+  latency(16, 120);
+  latency(kMostReaders, 60);
   slots();
   kills(argc > 1 ? std::atoi(argv[1]) : 300);
   heldFrames();
