@@ -1,0 +1,39 @@
+# shellcheck shell=bash
+# shellcheck disable=SC2034,SC2154
+# Kills what stands behind a share to which a camera records. Sourced by kills.sh in a subshell.
+here=$root/tests/board
+# shellcheck source=/dev/null  # looked at by itself
+. "$root/tests/board/samba_recording.sh"
+
+# kill_share: its server, the process that serves the mount, and that one's guard.
+kill_share() {
+  use_board share
+  start_server
+  start_recorder server K310
+  local killed=0 victims
+  while time_is_left 40; do
+    record
+    sleep "0.$((RANDOM % 900 + 100))"
+    victims=()
+    case $((RANDOM % 3)) in
+      0) victims=("$server") ;;
+      1) mapfile -t victims < <(serving | shuf -n 1) ;;
+      2) mapfile -t victims < <(serving) ;;
+    esac
+    kill -KILL "${victims[@]}" 2>/dev/null || true
+    killed=$((killed + ${#victims[@]}))
+    echo $killed >"$work/killed-share"
+    frames_go_on
+    if is_gone "$server"; then start_server "$port"; fi
+    share_is "# $killed"
+    rebuild_events
+  done
+  record
+  stop_daemon
+  expect "$status" 0 "exit status"
+  eventually 5 nothing_serves
+  while read -r film; do
+    [ ! -s "$film" ] || avi_check --cut "$film"
+  done < <(films)
+  stop_server
+}
