@@ -21,6 +21,7 @@
 #include "platform/linux/root.h"
 #include "platform/log.h"
 #include "platform/os.h"
+#include "platform/timer.h"
 
 namespace {
 
@@ -30,6 +31,11 @@ constexpr std::size_t kNumberSize = 256;       // longer than any line, so that 
 // Files are stamped by a clock that moves in steps of up to 10 ms: a file that was read so soon
 // after its stamp may have changed since without another stamp.
 constexpr std::int64_t kStampNs = 20 * 1000000;
+// An error that comes once, for want of memory or descriptors for instance, must not make a camera
+// forget its settings: each call on a file has so many tries. What fails longer is tried again
+// later.
+constexpr int kTries = 3;
+constexpr std::uint32_t kRetryMs = 1000;
 
 // What tells one content of a file from another.
 struct Identity {
@@ -83,13 +89,13 @@ class Cache {
     char path[PATH_MAX];
     struct stat status {};
     if (!rooted(file, path, sizeof path)) return nullptr;
-    if (stat(path, &status) != 0) {
+    if (!look(path, &status)) {
       if (errno != ENOENT && errno != ENOTDIR) logEx(2, "can't read %s", file);
       return nullptr;
     }
     Entry& entry = entryOf(file);
     entry.used = ++uses_;
-    if (!entry.settled || !(entry.identity == identityOf(status))) read(file, path, status, entry);
+    if (isOld(entry, status)) read(file, path, status, entry);
     return entry.content.get();
   }
 
@@ -98,6 +104,8 @@ class Cache {
     std::string file;
     Identity identity;
     bool settled = false;  // the content is what `identity` stands for
+    bool failed = false;   // it could not be read, last at `triedMs`
+    std::uint32_t triedMs = 0;
     std::unique_ptr<IniContent> content;
     std::uint64_t used = 0;
   };
@@ -113,15 +121,34 @@ class Cache {
     return oldest;
   }
 
+  static bool look(const char* path, struct stat* status) {
+    for (int tries = 0; tries < kTries; ++tries) {
+      if (stat(path, status) == 0) return true;
+      if (errno == ENOENT || errno == ENOTDIR) return false;
+    }
+    return false;
+  }
+
+  static bool isOld(const Entry& entry, const struct stat& status) {
+    if (!entry.settled || !(entry.identity == identityOf(status))) return true;
+    return entry.failed && monotonicMs() - entry.triedMs >= kRetryMs;
+  }
+
   static void read(const char* file, const char* path, const struct stat& status, Entry& entry) {
     std::string text;
     Identity identity;
     entry.content.reset();
-    if (readFile(path, &identity, &text)) {
+    entry.failed = true;
+    for (int tries = 0; entry.failed && tries < kTries; ++tries) {
+      text.clear();
+      entry.failed = !readFile(path, &identity, &text);
+    }
+    if (!entry.failed) {
       entry.content = std::make_unique<IniContent>();
       entry.content->parse(file, text);
     } else {
       identity = identityOf(status);
+      entry.triedMs = monotonicMs();
       logEx(2, "can't read %s", file);
     }
     entry.identity = identity;

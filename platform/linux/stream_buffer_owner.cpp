@@ -30,6 +30,9 @@ constexpr std::uint32_t kRestoreMs = 10000;
 constexpr std::uint32_t kTurnMs = 500;
 constexpr useconds_t kTurnStepUs = 2000;
 constexpr int kTries = 50;  // against creators that come at the same instant
+// Against errors that come once: without its segments a camera gives no picture until its next
+// start.
+constexpr int kErrorTries = 3;
 
 std::uint32_t configuredNumber(const std::string& key, std::uint32_t fallback,
                                bool (*fits)(std::uint32_t)) {
@@ -172,7 +175,11 @@ bool lostToAnother(int error) { return error == EEXIST || error == ENOENT || err
 bool ownSegment(int stream, const SB_HANDLE* last) {
   const FrameSizes& sizes = ownedSizes(stream);
   int error = EEXIST;
-  for (int i = 0; i < kTries && lostToAnother(error); ++i) error = createOnce(stream, sizes, last);
+  int failures = 0;
+  for (int i = 0; error != 0 && i < kTries && failures < kErrorTries; ++i) {
+    error = createOnce(stream, sizes, last);
+    if (error != 0 && !lostToAnother(error)) ++failures;
+  }
   if (error != 0) logEx(3, "can't create buffer %s: %s", streamPath(stream), std::strerror(error));
   return error == 0;
 }
@@ -188,7 +195,8 @@ BufferSizes configuredSizes() {
 }
 
 bool ownSegments(const BufferSizes& sizes) {
-  const int error = makeFolder();
+  int error = makeFolder();
+  for (int i = 1; error != 0 && i < kErrorTries; ++i) error = makeFolder();
   if (error != 0) {
     logEx(3, "can't create folder %s: %s", rooted("/dev/shm/camera").c_str(), std::strerror(error));
     return false;

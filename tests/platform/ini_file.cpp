@@ -2,10 +2,12 @@
 #include "platform/ini_file.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <climits>
 #include <filesystem>
@@ -14,6 +16,35 @@
 #include <thread>
 
 #include "tests/platform/support.h"
+
+namespace {
+
+// So many of the next calls fail for want of memory.
+int failingOpens = 0;
+int failingStats = 0;
+
+bool fails(int* failures) {
+  if (*failures == 0) return false;
+  --*failures;
+  errno = ENOMEM;
+  return true;
+}
+
+}  // namespace
+
+extern "C" {
+int __real_open64(const char* path, int flags, unsigned mode);
+int __wrap_open64(const char* path, int flags, unsigned mode);
+int __real_stat64(const char* path, void* status);
+int __wrap_stat64(const char* path, void* status);
+
+int __wrap_open64(const char* path, int flags, unsigned mode) {
+  return fails(&failingOpens) ? -1 : __real_open64(path, flags, mode);
+}
+int __wrap_stat64(const char* path, void* status) {
+  return fails(&failingStats) ? -1 : __real_stat64(path, status);
+}
+}
 
 namespace {
 
@@ -202,6 +233,46 @@ TEST_F(IniFile, ParsesAFileOnceWhileItStaysTheSame) {
   std::this_thread::sleep_for(std::chrono::milliseconds(50));  // until its time stamp is over
   for (int i = 0; i < 10000; ++i) ASSERT_EQ(getIniInt(kFile, "1", "a", 0), 1);
   EXPECT_EQ(log_.lines().size(), 1u);  // each parsing would tell of the line again
+}
+
+// Want of descriptors, for as long as it lives.
+class NoDescriptors {
+ public:
+  NoDescriptors() {
+    getrlimit(RLIMIT_NOFILE, &before_);
+    const rlimit none{0, before_.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+  }
+  ~NoDescriptors() { setrlimit(RLIMIT_NOFILE, &before_); }
+  NoDescriptors(const NoDescriptors&) = delete;
+  NoDescriptors& operator=(const NoDescriptors&) = delete;
+
+ private:
+  rlimit before_{};
+};
+
+TEST_F(IniFile, AFileThatCouldNotBeReadIsReadLaterThoughItHasNotChanged) {
+  write("[1]\na=556\n");
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));  // until its time stamp is over
+  {
+    const NoDescriptors none;
+    for (int i = 0; i < 10; ++i) EXPECT_EQ(getIniInt(kFile, "1", "a", 7), 7);
+  }
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (getIniInt(kFile, "1", "a", 7) != 556 && std::chrono::steady_clock::now() < limit)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  EXPECT_EQ(getIniInt(kFile, "1", "a", 7), 556);
+}
+
+TEST_F(IniFile, AnErrorThatComesOnceIsNotSeen) {
+  write("[1]\na=556\n");
+  for (int* const failures : {&failingOpens, &failingStats}) {
+    write("[1]\na=556\n");  // to be read anew
+    *failures = 2;
+    EXPECT_EQ(getIniInt(kFile, "1", "a", 7), 556);
+    EXPECT_EQ(*failures, 0);
+  }
+  EXPECT_EQ(log_.lines(), std::vector<std::string>{});
 }
 
 TEST_F(IniFile, MoreFilesThanAreKeptAreAllRead) {

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -13,6 +14,24 @@
 #include "platform/linux/stream_buffer_streams.h"
 #include "platform/timer.h"
 #include "tests/platform/stream_buffer_fixture.h"
+
+namespace {
+
+int failingLinks = 0;  // so many of the next fail for want of room
+
+}  // namespace
+
+extern "C" {
+int __real_link(const char* from, const char* to);
+int __wrap_link(const char* from, const char* to);
+
+int __wrap_link(const char* from, const char* to) {
+  if (failingLinks == 0) return __real_link(from, to);
+  --failingLinks;
+  errno = ENOSPC;
+  return -1;
+}
+}
 
 namespace {
 
@@ -326,6 +345,14 @@ TEST_F(StreamBufferSegments, CantBeCreatedWithoutTheirSpaceAndLeaveNothing) {
   EXPECT_EQ(owner.wait(), 0);
   EXPECT_FALSE(fs::exists(path()));
   EXPECT_EQ(leftOvers(path()), 0);
+}
+
+TEST_F(StreamBufferSegments, AreThereAlthoughOneOfTheirCallsHasFailedOnce) {
+  failingLinks = 1;
+  EXPECT_TRUE(own());
+  EXPECT_EQ(failingLinks, 0);
+  EXPECT_EQ(leftOvers(path()), 0);
+  EXPECT_TRUE(loggedLines().empty());
 }
 
 TEST_F(StreamBufferSegments, OfACreatorKilledAtAnyPointHarmNobody) {

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -19,6 +20,25 @@
 
 #include "tests/platform/support.h"
 #include "tests/platform/thread_body.h"
+
+namespace {
+
+std::atomic<int> refusals{0};  // so many of the next threads can't be had
+
+}  // namespace
+
+extern "C" {
+int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
+                          void* argument);
+int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
+                          void* argument);
+
+int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
+                          void* argument) {
+  if (refusals > 0 && refusals-- > 0) return EAGAIN;
+  return __real_pthread_create(thread, attributes, body, argument);
+}
+}
 
 namespace {
 
@@ -34,6 +54,15 @@ TEST(Threads, StartRunsTheBodyOnItsOwnThread) {
   EXPECT_FALSE(pthread_equal(of, pthread_self()));
   EXPECT_TRUE(body.stop(true));
   EXPECT_FALSE(body.running());
+}
+
+TEST(Threads, AThreadThatTheSystemRefusesOnceIsStartedAllTheSame) {
+  Body body(untilStopped);
+  refusals = 2;
+  body.run();
+  EXPECT_EQ(refusals, 0);
+  EXPECT_TRUE(eventually([&] { return body.started == 1; }));
+  EXPECT_TRUE(body.stop(true));
 }
 
 TEST(Threads, StartsWhileTheBodyRunsDoNothing) {
