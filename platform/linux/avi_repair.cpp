@@ -102,5 +102,10 @@ AviRepair repairAvi(const char* path) {
   }
   // Looked at again: the writer may have closed it just now.
   if (fstat(file.get(), &status) != 0) return refused("can't be read", errno);
+  if (status.st_size == 0) {
+    AviRepair nothing;
+    nothing.result = 0;
+    return nothing;
+  }
   return repairOpen(file.get(), status.st_size);
 }

@@ -5,8 +5,8 @@
 
 // What was done to a file.
 struct AviRepair {
-  int result = -1;             // 1 repaired, 0 it was sound already, -1 refused or failed
-  std::uint64_t pictures = 0;  // that are there
+  int result = -1;             // 1 repaired, 0 nothing was to be done, -1 refused or failed
+  std::uint64_t pictures = 0;  // that are there; of 0: none in a file of no bytes
   std::uint64_t cut = 0;       // bytes of an incomplete end that were taken off
   const char* reason = "";     // of -1: a text for people that lives for ever
   int error = 0;  // of -1: `errno` where a call has failed, EAGAIN: is being written; otherwise 0

@@ -105,6 +105,17 @@ TEST_F(CamctlRepair, GoesOnAfterAFileThatIsNone) {
   EXPECT_EQ(readFile(path("20240101/a.avi")), "RIFF");
 }
 
+// A camera that is killed when it has just begun a recording leaves a file without a byte.
+TEST_F(CamctlRepair, TakesAFileWithoutAByteForNoFailure) {
+  writeFile(path("20240101/a.avi"), "");
+  record("20240101/b.avi");
+  EXPECT_EQ(repair("20240101"),
+            "20240101/a.avi: is empty, left alone\n"
+            "20240101/b.avi: whole, 30 pictures\n"
+            "status 0");
+  EXPECT_EQ(readFile(path("20240101/a.avi")), "");
+}
+
 TEST_F(CamctlRepair, NeedsAPathThatExists) {
   EXPECT_EQ(repair("nothing.avi"),
             "camctl: nothing.avi: can't be opened: No such file or directory\nstatus 1");

@@ -42,6 +42,8 @@ class Repairs {
       std::printf("%s: is being written, left alone\n", text.c_str());
     } else if (repair.result < 0) {
       fail(name, repair.reason, repair.error);
+    } else if (repair.pictures == 0) {
+      std::printf("%s: is empty, left alone\n", text.c_str());
     } else {
       std::printf("%s: %s, %llu picture%s", text.c_str(), repair.result > 0 ? "repaired" : "whole",
                   static_cast<unsigned long long>(repair.pictures),
