@@ -118,6 +118,15 @@ TEST_F(Recorder, SecondStartMayShortenARecording) {
   EXPECT_THAT(recorder.times(), ElementsAre(100, 1100, 2100));
 }
 
+TEST_F(Recorder, PictureFromBeforeTheSecondStartIsNotStoredAfterIt) {
+  pictures(fake.video2, 0.1, 0.2, 0.3);
+  pictures(fake.video2, 2, 1, 2);
+  recorder.start(60);
+  fake.at(0.5, [this] { recorder.start(0); });
+  EXPECT_EQ(1, runBodies(recorder));
+  EXPECT_THAT(recorder.times(), ElementsAre(100, 2000));
+}
+
 TEST_F(Recorder, MayBeStartedAgainAfterItsEnd) {
   pictures(fake.video2, 0.1, 0.1, kPictureEnds);
   recorder.start(0);

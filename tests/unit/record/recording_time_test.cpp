@@ -67,6 +67,14 @@ TEST_F(RecordingTime, StartMovesWithEachStep) {
   EXPECT_EQ(6, since(6000 + 24 * kHourMs));
 }
 
+TEST_F(RecordingTime, AStepBeforeTheStartIsForgotten) {
+  look(4000);
+  look(5000, kHourMs);
+  EXPECT_EQ(4, since(4000));
+  time.begin({TDateTime(kStart + 3600 + 5, 950000), kMs + 5050});
+  EXPECT_EQ(kNotSince, since(4000));
+}
+
 TEST_F(RecordingTime, FrameFromTheOtherSideOfAStepIsMeasuredThere) {
   for (const std::int64_t step : {kHourMs, -kHourMs, 24 * kHourMs, -24 * kHourMs}) {
     time.begin({TDateTime(kStart, 900000), kMs});

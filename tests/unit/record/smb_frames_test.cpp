@@ -256,6 +256,18 @@ TEST_F(SmbFrames, ThatLieAreNotWrittenInPart) {
   EXPECT_THAT(failures(), ElementsAre(kUnsound));
 }
 
+TEST_F(SmbFrames, ThatLieGiveTheFileThatTheyEndNothing) {
+  at(0.1, {"I", "data", "", 0});
+  fake.at(0.2, [this] {
+    push({"iiP", "data", "ff", 0}, [](SB_FRAME* frame) {
+      storeTrailer(frame->payload + kUsable - 3 * kTrailerBytes, 'P', 'x', 5);
+    });
+  });
+  record(1);
+  EXPECT_EQ("I", types(smbFile("120000")));
+  EXPECT_THAT(failures(), ElementsAre(kUnsound));
+}
+
 TEST_F(SmbFrames, OfAnyContentDoNoHarm) {
   std::mt19937 random(7);
   make();
