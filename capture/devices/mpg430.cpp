@@ -21,6 +21,8 @@ constexpr int kChunksPerFrame = 3;
 constexpr long kFrameMs = 61;
 // Inputs need this long to settle on another signal.
 constexpr unsigned kSourceSettleS = 1;
+// Between a start that the driver refused and the next one.
+constexpr long kStartAgainS = 1;
 
 constexpr char kPictureStart[] = {0, 0, 1, static_cast<char>(0xB6)};
 // Behind the start code, in the two highest bits: how the picture is coded, 0 being a key picture.
@@ -68,9 +70,16 @@ void TMpg430::onTVModeChanged(int /*signal*/) { fHeadr = true; }
 
 void TMpg430::enableStream(int on) {
   // Not the virtual one: constructor and destructor come here.
-  TCamera::ioctl(static_cast<int>(kMpg430StreamStart), &on, "MPG430_STREAM_START");
+  const int result =
+      TCamera::ioctl(static_cast<int>(kMpg430StreamStart), &on, "MPG430_STREAM_START");
+  startIsDue_ = on != 0 && result < 0 && fd_ >= 0;
+  startTimer_.reset(kStartAgainS);
   fHeadr = true;
   aviWriter()->cut();
+}
+
+void TMpg430::startAgain() {
+  if (startIsDue_ && startTimer_.timeout()) enableStream(1);
 }
 
 int TMpg430::request(unsigned request, void* argument, const char* name) {
@@ -204,6 +213,7 @@ int TMpg430::readChunk(char* chunk, long length) {
     if (result < 1) {
       if (raised) fHeadr = true;
       logEx(2, "read(MPG430) return %ld", result);
+      startAgain();
       continue;
     }
     // A driver that claims more than it was asked for must not lead out of the frame.

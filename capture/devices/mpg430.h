@@ -2,6 +2,7 @@
 #pragma once
 
 #include "capture/camera.h"
+#include "platform/timer.h"
 
 // Reads the encoder's stream chunk by chunk into frames, tags each chunk (capture/chunk_trailer.h),
 // hands it to the AVI writer in mode 0, and fetches the stream's header whenever it may have
@@ -60,7 +61,12 @@ class TMpg430 : public TCamera {
  private:
   static void onTVModeChanged(int signal);
   int request(unsigned request, void* argument, const char* name);
+  // Starts the encoder once more, a second after it refused: it gives nothing until it is started.
+  void startAgain();
   int readChunk(char* chunk, long length);
   void passOn(const char* chunk, long length, bool raised);
   void fetchHeader(bool ofGathered);
+
+  bool startIsDue_ = false;  // it was to start, and refused
+  TTimer startTimer_{0};
 };

@@ -253,6 +253,26 @@ TEST_F(EncoderFrames, AFailingReadIsRepeatedAtOnceAndWithoutEnd) {
   EXPECT_EQ(trailers(), (Trailers{{'I', 'o', 10}, {'i', 'o', 20}, {'i', 'x', 30}}));
 }
 
+TEST_F(EncoderFrames, AnEncoderThatRefusedItsStartIsStartedAgainASecondLater) {
+  results[kMpg430StreamStart] = -1;
+  device.enableStream(1);
+  takeRequests();
+  chunks = {{"", 0.9}, {"", 0.1}, {"", 1, [this] { results.clear(); }}, {""}, {key(30)}};
+  EXPECT_EQ(read(device), 30);
+  EXPECT_EQ(fake.logged("ioctl(MPG430_STREAM_START) fail"), 1);
+  EXPECT_THAT(takeRequests(), ElementsAre("ioctl(01100000,1)", "ioctl(01100000,1)"));
+}
+
+TEST_F(EncoderFrames, AnEncoderThatIsStoppedIsNotStartedByItsReads) {
+  results[kMpg430StreamStart] = -1;
+  device.enableStream(1);
+  device.enableStream(0);
+  takeRequests();
+  chunks = {{"", 5}, {"", 5}, {key(10)}};
+  read(device);
+  EXPECT_THAT(takeRequests(), IsEmpty());
+}
+
 TEST_F(EncoderFrames, AnEmptyReadIsRepeatedForTheSamePlace) {
   chunks = {{key(10)}, {""}, {""}, {more(20)}, {""}, {more(30)}};
   EXPECT_EQ(read(device), 60);
