@@ -165,6 +165,11 @@ Fault chooseFor(Place* place, Faults possible) {
   const std::uint64_t only = table->onlyHash;
   if (only != 0) untried = place->hash == only ? possible & Faults{1} << table->onlyFault : 0;
   if (untried == 0 || !isDue(place)) return Fault::kCount;
+  // Any of them, so that short runs differ.
+  for (std::uint64_t skip =
+           table->lastNs / 1000 % static_cast<unsigned>(__builtin_popcount(untried));
+       skip > 0; --skip)
+    untried &= untried - 1;
   const auto fault = static_cast<Fault>(__builtin_ctz(untried));
   if ((place->tried.fetch_or(bit(fault)) & bit(fault)) != 0 && only == 0) return Fault::kCount;
   note(place, fault);
