@@ -91,7 +91,7 @@ void CameraLife::writeEvents() const {
 }
 
 void CameraLife::configure() {
-  if (options_.orderly) faults_.choose();
+  if (options_.orderly) faults_.choose(options_.fault);
   if (!options_.orderly && geometry_ < kGeometries && moments_.chance(4)) ++geometry_;
   const int types = options_.model == "B520" ? 1 : 0;  // that the model starts with
   writeContent(kConfig,
@@ -256,7 +256,7 @@ void CameraLife::endIt() {
   judgeOutputs();
   // Neither the watchdog closes files, nor does anybody on a share that hangs.
   const bool closed = status == 0 && !(struck_ && faults_.shareHangs());
-  recordings_.look({closed, faults_.diskIsFull(), kGivenUpMs, faults_.name()});
+  recordings_.look({closed, faults_.spoilRecordings(), kGivenUpMs, faults_.name()});
   faults_.heal();
 }
 

@@ -21,6 +21,7 @@ struct Options {
   bool orderly = false;  // asked to end, under faults; otherwise killed
   bool films = false;    // /smb can be written
   bool disk = false;     // /usb is small
+  std::string fault;     // always this one
   pid_t server = 0;      // of the share
   double seconds = 10;
   unsigned seed = 1;

@@ -21,13 +21,15 @@ constexpr int kMostLines = 9;                        // that a server answers be
 Faults::Faults(std::string model, pid_t shareServer, bool disk, Moments* moments)
     : model_(std::move(model)), shareServer_(shareServer), disk_(disk), moments_(moments) {}
 
-void Faults::choose() {
+void Faults::choose(const std::string& only) {
   std::vector<std::string> all = {"nothing", "servers silent", "servers silent", "command hangs"};
   if (disk_) all.push_back("disk full");
   if (shareServer_ > 0) all.insert(all.end(), {"share hangs", "share hangs"});
   if (!model_.empty())
     all.insert(all.end(), {"drivers hang", "drivers fail", "pictures late", "hardware dead"});
-  name_ = all[static_cast<std::size_t>(moments_->whole(static_cast<int>(all.size()) - 1))];
+  name_ = !only.empty()
+              ? only
+              : all[static_cast<std::size_t>(moments_->whole(static_cast<int>(all.size()) - 1))];
   ftp_.answer(moments_->whole(kMostLines));
   mail_.answer(moments_->whole(kMostLines));
   if (name_ == "disk full") writeContent(kFiller, std::string(kMuch, 'x'));

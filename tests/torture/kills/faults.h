@@ -17,9 +17,9 @@ class Faults {
   // none. `disk`: /usb is small enough to be filled.
   Faults(std::string model, pid_t shareServer, bool disk, Moments* moments);
 
-  // Chooses what is wrong in the next life; most of it is so from the start, the rest begins with
-  // strike().
-  void choose();
+  // Chooses what is wrong in the next life, unless `only` says it; most of it is so from the start,
+  // the rest begins with strike().
+  void choose(const std::string& only);
   void strike();
   void heal();
 
@@ -29,6 +29,7 @@ class Faults {
 
   const std::string& name() const { return name_; }
   bool diskIsFull() const { return name_ == "disk full"; }
+  bool spoilRecordings() const { return diskIsFull() || name_ == "drivers fail"; }
   // The capture thread may be kept in a read, or in reading again and again, for good: then the
   // watchdog ends the daemon.
   bool mayHoldTheDaemon() const { return name_.compare(0, 7, "drivers") == 0 || hardwareDies(); }

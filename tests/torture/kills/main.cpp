@@ -21,6 +21,7 @@ constexpr char kUsage[] =
     "  --exits            asked to end, under faults, instead of killed\n"
     "  --films            /smb can be written: record to it\n"
     "  --disk             /usb is small: let it be full\n"
+    "  --fault NAME       with --exits: always this one, such as \"drivers fail\"\n"
     "  --server PID       process that serves /smb: let it hang\n"
     "  --for SECONDS      how long\n"
     "  --seed N           where the random choices start\n"
@@ -52,17 +53,13 @@ int runReader(bool stream) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  static const option kOptions[] = {{"model", required_argument, nullptr, 'm'},
-                                    {"exits", no_argument, nullptr, 'e'},
-                                    {"films", no_argument, nullptr, 'f'},
-                                    {"disk", no_argument, nullptr, 'd'},
-                                    {"server", required_argument, nullptr, 'p'},
-                                    {"for", required_argument, nullptr, 't'},
-                                    {"seed", required_argument, nullptr, 's'},
-                                    {"report", required_argument, nullptr, 'r'},
-                                    {"reader", no_argument, nullptr, 'R'},
-                                    {"stream-reader", no_argument, nullptr, 'S'},
-                                    {nullptr, 0, nullptr, 0}};
+  static const option kOptions[] = {
+      {"model", required_argument, nullptr, 'm'},   {"exits", no_argument, nullptr, 'e'},
+      {"films", no_argument, nullptr, 'f'},         {"disk", no_argument, nullptr, 'd'},
+      {"fault", required_argument, nullptr, 'x'},   {"server", required_argument, nullptr, 'p'},
+      {"for", required_argument, nullptr, 't'},     {"seed", required_argument, nullptr, 's'},
+      {"report", required_argument, nullptr, 'r'},  {"reader", no_argument, nullptr, 'R'},
+      {"stream-reader", no_argument, nullptr, 'S'}, {nullptr, 0, nullptr, 0}};
   Options options;
   std::string file = "/home/lives.report";
   for (int letter = 0; (letter = getopt_long(argc, argv, "", kOptions, nullptr)) != -1;) {
@@ -78,6 +75,9 @@ int main(int argc, char** argv) {
         break;
       case 'd':
         options.disk = true;
+        break;
+      case 'x':
+        options.fault = optarg;
         break;
       case 'p':
         options.server = std::atoi(optarg);

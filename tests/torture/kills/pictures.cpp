@@ -48,6 +48,12 @@ bool Pictures::whole(const void* data, std::size_t size) const {
   });
 }
 
+bool Pictures::beginWhole(const std::string& data) const {
+  return std::any_of(all_.begin(), all_.end(), [&data](const std::string& one) {
+    return data.compare(0, one.size(), one) == 0;
+  });
+}
+
 std::size_t Pictures::common(const std::string& data) const {
   std::size_t most = 0;
   for (const std::string& one : all_) {

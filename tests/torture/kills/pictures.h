@@ -19,6 +19,8 @@ class Pictures {
 
   // True iff this is one of the pictures.
   bool whole(const void* data, std::size_t size) const;
+  // True iff it begins with one of them, all of it.
+  bool beginWhole(const std::string& data) const;
   // True iff one of them begins with it, nothing included.
   bool begins(const std::string& data) const { return common(data) == data.size(); }
   // How many bytes one of them has in common with the beginning of `data`, at the most.

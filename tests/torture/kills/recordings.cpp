@@ -34,14 +34,16 @@ std::string bytesOf(const std::string& path, const AviPicture& picture) {
 
 }  // namespace
 
+// Behind it there may be the end of a longer one, which had the name before: a recorder that is
+// built anew within a second, or a new life, takes the same name, and the file is not cut.
 bool Recordings::isWhole(const std::string& content) const {
-  if (pictures_ != nullptr) return pictures_->whole(content.data(), content.size());
+  if (pictures_ != nullptr) return pictures_->beginWhole(content);
   if (content.compare(0, 2, "\xff\xd8") == 0) return FrameWatch::isPicture(content);
   if (content.size() > kClipHead && content.compare(0, 4, "RIFF") == 0)
-    return loadLe32(reinterpret_cast<const unsigned char*>(&content[4])) + kClipHead ==
+    return loadLe32(reinterpret_cast<const unsigned char*>(&content[4])) + kClipHead <=
            content.size();
-  // In mode 3 it is a frame of the stream as it comes.
-  return content.size() > kClipHead && content.compare(0, 3, std::string("\0\0\1", 3)) == 0;
+  // In mode 3 it is a frame of the stream as it comes, which may begin in the middle of a picture.
+  return !content.empty();
 }
 
 // Of a sensor's picture nobody knows how it would have gone on.
@@ -97,12 +99,12 @@ void Recordings::judgePictures(const std::map<std::string, std::string>& files, 
     if (!isBeginning(content))
       report_->broken("a picture is damaged",
                       path + ", " + std::to_string(content.size()) + " bytes");
-    else if (end.orderly && !end.disk)
+    else if (end.orderly && !end.spoiled)
       report_->broken("a picture is not whole after an end in order", path + ": " + end.how);
   }
   // The one that was being written ends where the kill has struck.
   report_->count("pictures-cut", cut);
-  if (!end.orderly && !end.disk && cut > 1)
+  if (!end.orderly && !end.spoiled && cut > 1)
     report_->broken("one kill has cut several pictures", std::to_string(cut));
 }
 
@@ -110,9 +112,10 @@ void Recordings::judgeFilm(const std::string& path, const End& end) {
   report_->count("films");
   if (!end.orderly) return judgeCutFilm(path, end);
   const AviReport seen = checkAvi(path, false);
-  if (!seen.good())
-    report_->broken("a film that was closed is not whole",
-                    path + ": " + end.how + ": " + seen.text());
+  if (!seen.good() && !end.spoiled)
+    report_->broken(
+        "a film that was closed is not whole",
+        path + ", " + std::to_string(seen.fileSize) + " bytes: " + end.how + ": " + seen.text());
 }
 
 void Recordings::judgeCutFilm(const std::string& path, const End& end) {

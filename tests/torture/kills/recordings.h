@@ -11,7 +11,7 @@
 // How a life ended, for the files that were being written.
 struct End {
   bool orderly;       // closed, not killed
-  bool disk;          // had no room
+  bool spoiled;       // there was no room, or the drivers gave no stream header
   double patienceMs;  // for what the machine kept waiting
   std::string how;    // for people
 };
