@@ -116,7 +116,7 @@ end_cameras() {
 # raise KIND END FIRST: as many cameras as reach 15 pictures a second, FIRST to begin with and twice as many
 # each time, then by an eighth, until it is time to END. $carried is how many, $limit why no more.
 raise() {
-  local step=$3 begun left
+  local step=$3 begun left attempt
   kind=$1 carried=0 limit='' daemon_cost=0 hardware_cost=0 cost=''
   while [ -z "$limit" ]; do
     begun=$(now_ms)
@@ -125,7 +125,11 @@ raise() {
       break
     fi
     begun=$((($(now_ms) - begun) / step + 1))  # ms that a camera needs to start
-    watch_cameras
+    # Three times before it is believed: something else may have had the machine for a moment.
+    for attempt in 1 2 3; do
+      watch_cameras
+      [ "$slowest" -lt $enough ] || break
+    done
     echo "$kind: $cameras cameras, the slowest $(with_point "$slowest" 1) pictures/s, $SECONDS s"
     if [ "$slowest" -lt $enough ]; then
       limit="of $cameras one had only $(with_point "$slowest" 1) pictures/s"
