@@ -55,10 +55,15 @@ int (*realCreate)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
 pid_t (*realWaitpid)(pid_t, int*, int);
 long (*realSyscall)(long, ...);
 
+[[noreturn]] void giveUp(const char* why) {
+  dprintf(STDERR_FILENO, "leap clock: %s\n", why);
+  abort();
+}
+
 template <typename Function>
 void find(Function& function, const char* name) {
   function = reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
-  if (function == nullptr) abort();
+  if (function == nullptr) giveUp(name);
 }
 
 __attribute__((constructor(101))) void findAll() {
@@ -120,7 +125,7 @@ class Waiting {
     }
     pthread_mutex_unlock(&waitsLock);
     if (wait_ == nullptr || (cond == nullptr && word == nullptr && fd_ < 0))
-      abort();  // the tables want to be larger
+      giveUp("more wait at once than its tables hold");
   }
   ~Waiting() {
     pthread_mutex_lock(&waitsLock);
@@ -243,7 +248,7 @@ __attribute__((constructor)) void begin() {
   void* memory = MAP_FAILED;
   if (fd >= 0 && ftruncate(fd, sizeof(LeapClock)) == 0)
     memory = mmap(nullptr, sizeof(LeapClock), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-  if (memory == MAP_FAILED) abort();
+  if (memory == MAP_FAILED) giveUp(kFile);
   close(fd);
   for (int& one : sleepers) one = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   shared = static_cast<LeapClock*>(memory);
@@ -253,7 +258,7 @@ __attribute__((constructor)) void begin() {
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &before);
   pthread_t thread;
-  if (realCreate(&thread, nullptr, &beat, nullptr) != 0) abort();
+  if (realCreate(&thread, nullptr, &beat, nullptr) != 0) giveUp("no thread");
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
@@ -289,7 +294,7 @@ int await(pollfd* fds, nfds_t count, std::int64_t ns, const sigset_t* mask) {
   const std::int64_t until = now() + ns;
   const Waiting waiting(until, nullptr, nullptr);
   pollfd all[kFds + 1];
-  if (count > kFds) abort();
+  if (count > kFds) giveUp("more descriptors than its tables hold");
   if (count > 0) memcpy(all, fds, count * sizeof *fds);
   all[count] = pollfd{waiting.fd(), POLLIN, 0};
   const timespec limit = fromNs(ns);
