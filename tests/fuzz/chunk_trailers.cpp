@@ -26,11 +26,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   TChunkReader reader(payload.get(), length, largest);
   TChunk chunk;
   long sum = 0;
+  long trailers = 0;
   while (reader.next(&chunk)) {
     require(chunk.length > 0, "a chunk is not empty");
     requireInside(chunk.data, static_cast<std::size_t>(chunk.length), payload.get(), bytes.size());
     require(chunk.data == payload.get() + sum, "chunks follow each other");
     sum += chunk.length;
+    trailers += kTrailerBytes;
+    require(sum + trailers <= largest, "a chunk does not reach into the trailers");
   }
   require(!reader.complete() || sum == length, "chunks make up the payload");
   require(reader.complete() == TChunkReader::sound(payload.get(), length, largest),

@@ -2,6 +2,7 @@
 // they come behind its head, which takes itself apart only when it is whole.
 #include <fcntl.h>
 
+#include "platform/bytes.h"
 #include "platform/linux/avi_file.h"
 #include "platform/linux/avi_repair.h"
 #include "platform/linux/fd.h"
@@ -61,6 +62,24 @@ std::string damaged(Input& input) {
   return bytes;
 }
 
+// As a player goes through it, chunk by chunk.
+void requireWhole(const std::string& bytes, std::uint64_t pictures) {
+  constexpr std::size_t kHead = 4096;
+  std::size_t at = kHead;
+  std::uint64_t seen = 0;
+  while (at + 8 <= bytes.size()) {
+    if (bytes.compare(at, 4, "RIFF") == 0) {
+      at += 24;  // and the head of the list in it
+      continue;
+    }
+    const std::size_t length = loadLe32(bytes.data() + at + 4);
+    if (bytes.compare(at, 4, "00dc") == 0) ++seen;
+    at += 8 + length + length % 2;
+  }
+  require(at == bytes.size(), "chunks make up the file");
+  require(seen == pictures, "every picture is a chunk");
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -75,6 +94,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   require(first.result >= 0 || *first.reason != '\0', "a refusal tells why");
   if (first.result == 0 || (first.result < 0 && first.error == 0))
     require(before == after, "what is sound or refused is left alone");
+  if (first.result >= 0 && !after.empty()) requireWhole(after, first.pictures);
   if (first.result == 1) {
     const AviRepair second = repairAvi(kPath);
     // Without room for the other index the file goes without, and is not as it ought to be.

@@ -98,10 +98,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     segment_file::begin(&input);
     use(buffer.get(), input);
     segment_file::end();
+    sb::Mapping::giveBack(segment.mapping);
     close(segment.fd);
   } else {
     require(reason != nullptr, "a refusal tells why");
   }
-  segment_file::unmapAll();
   return 0;
 }

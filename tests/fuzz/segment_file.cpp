@@ -18,18 +18,22 @@ extern "C" int __real_munmap(void* at, size_t size);
 namespace {
 
 constexpr std::size_t kPage = 4096;
+constexpr std::size_t kGuard = 1 << 20;  // beside a mapping
 const sb::Geometry kGeometry = sb::makeGeometry(2, 1024, kPage);
 std::string root;
 std::string path;
 char* shared = nullptr;  // the file as the other process has it mapped
 std::string sound;       // what it holds when nothing is wrong
+int file = -1;
+std::size_t length = 0;  // of the file
 Input* patches = nullptr;
 
-struct Mapping {
+struct Mapped {
   char* at;
   std::size_t size;
+  int fd;
 };
-std::vector<Mapping> mappings;
+std::vector<Mapped> mappings;
 
 std::size_t rounded(std::size_t size) { return (size + kPage - 1) / kPage * kPage; }
 
@@ -56,14 +60,20 @@ std::string soundSegment() {
   return bytes;
 }
 
-// Most patches hit the words at the beginning, where it matters.
+// Most patches hit the words at the beginning, where it matters. One cuts the file.
 void patch(Input& input) {
   const unsigned where = input.byte();
+  if (where == 0xff) {
+    length = std::min<std::size_t>(length, input.byte() * 256);
+    require(ftruncate(file, static_cast<off_t>(length)) == 0, "the file can be cut");
+    return;
+  }
   const std::uint32_t value = input.take<std::uint32_t>();
   std::uint32_t word = where;
   if (where >= 240)
     word = (kGeometry.dataOffset + (where % 2) * kGeometry.stride) / 4 + where / 2 % 8;
   if (where >= 160 && where < 240) word = input.word() % (kGeometry.headBytes / 4);
+  if (rounded(length) < 4 * (word + 1)) return;  // there is no such page any more
   __atomic_store_n(reinterpret_cast<std::uint32_t*>(shared) + word, value, __ATOMIC_SEQ_CST);
 }
 
@@ -80,17 +90,17 @@ extern "C" {
 void* __wrap_mmap64(void* at, size_t size, int how, int flags, int fd, off_t from) {
   if (at != nullptr || (flags & MAP_SHARED) == 0)
     return __real_mmap64(at, size, how, flags, fd, from);
-  const std::size_t whole = rounded(size) + 2 * kPage;
+  const std::size_t whole = rounded(size) + 2 * kGuard;
   void* const room =
       __real_mmap64(nullptr, whole, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
   if (room == MAP_FAILED) return room;
-  char* const middle = static_cast<char*>(room) + kPage;
+  char* const middle = static_cast<char*>(room) + kGuard;
   void* const result = __real_mmap64(middle, size, how, flags | MAP_FIXED, fd, from);
   if (result == MAP_FAILED) {
     __real_munmap(room, whole);
     return result;
   }
-  mappings.push_back({middle, size});
+  mappings.push_back({middle, size, fd});
   return result;
 }
 
@@ -99,7 +109,7 @@ int __wrap_munmap(void* at, size_t size) {
     if (mappings[i].at != at) continue;
     require(mappings[i].size == size, "what is unmapped was mapped");
     mappings.erase(mappings.begin() + static_cast<long>(i));
-    return __real_munmap(static_cast<char*>(at) - kPage, rounded(size) + 2 * kPage);
+    return __real_munmap(static_cast<char*>(at) - kGuard, rounded(size) + 2 * kGuard);
   }
   return __real_munmap(at, size);
 }
@@ -120,7 +130,6 @@ void segment_file::prepare() {
 }
 
 void segment_file::make(Input* input) {
-  static int file = -1;
   if (shared != nullptr) {
     __real_munmap(shared, rounded(sound.size()));
     close(file);
@@ -132,10 +141,13 @@ void segment_file::make(Input* input) {
       __real_mmap64(nullptr, rounded(sound.size()), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0));
   require(shared != MAP_FAILED, "there is room");
   sound.copy(shared, sound.size());
+  length = sound.size();
   const unsigned size = input->byte();
   for (unsigned count = input->byte() % 16; count > 0; --count) patch(*input);
   // A file of another length.
-  if (size >= 0xf0) require(ftruncate(file, (size % 16) * 2048) == 0, "the file can be cut");
+  if (size < 0xf0) return;
+  length = (size % 16) * 2048;
+  require(ftruncate(file, static_cast<off_t>(length)) == 0, "the file can be cut");
 }
 
 void segment_file::begin(Input* input) {
@@ -148,6 +160,9 @@ void segment_file::end() {
   sb::onPoint = nullptr;
 }
 
-void segment_file::unmapAll() {
-  while (!mappings.empty()) munmap(mappings.back().at, mappings.back().size);
+void segment_file::unmapLeftOvers() {
+  while (!mappings.empty()) {
+    close(mappings.back().fd);
+    munmap(mappings.back().at, mappings.back().size);
+  }
 }

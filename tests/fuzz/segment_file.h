@@ -20,7 +20,7 @@ void make(Input* input);
 void begin(Input* input);
 void end();
 
-// Puts the mappings that were made since the last call out of the world, with their files.
-void unmapAll();
+// Unmaps and closes what the owner has replaced, and keeps for threads that may use it.
+void unmapLeftOvers();
 
 }  // namespace segment_file

@@ -61,9 +61,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (current.load() != nullptr) handles.insert(current.load());
   // The list of all handles keeps their places, which nobody looks at any more.
   for (SB_HANDLE* const handle : handles) {
+    sb::Mapping::giveBack(handle->segment.mapping);
     close(handle->segment.fd);
     delete handle;
   }
-  segment_file::unmapAll();
+  segment_file::unmapLeftOvers();
   return 0;
 }

@@ -18,7 +18,7 @@ fuzz() {
   # What is new goes into the first folder. Leaks are looked for at the end, not after each input.
   ASAN_OPTIONS=quarantine_size_mb=4:malloc_context_size=3 \
     "$build/tests/fuzz/fuzz_$target" -max_total_time="$2" -seed=$((seed + 1)) -max_len=4096 \
-    -timeout=20 -rss_limit_mb=1024 -detect_leaks=0 -print_final_stats=1 \
+    -timeout=60 -rss_limit_mb=1024 -detect_leaks=0 -print_final_stats=1 \
     -artifact_prefix="$work/$target-" "${options[@]}" "$corpus" "$root/tests/fuzz/corpus/$target" \
     >"$log" 2>&1 || status=$?
   units=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log")
