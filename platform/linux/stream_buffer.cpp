@@ -10,7 +10,10 @@ namespace {
 SB_HANDLE* handleOf(sb::Stream stream) {
   SB_HANDLE* handle = sb::current[stream].load(std::memory_order_acquire);
   if (handle != nullptr) return handle;
-  if (sb::attach(stream) == sb::Attached::kRefused) sb::restoreSegment(stream);
+  const sb::Attached found = sb::attach(stream);
+  if (found == sb::Attached::kRefused || found == sb::Attached::kMissing) {
+    sb::restoreSegment(stream);
+  }
   return sb::current[stream].load(std::memory_order_acquire);
 }
 

@@ -195,6 +195,9 @@ BufferSizes configuredSizes() {
 }
 
 bool ownSegments(const BufferSizes& sizes) {
+  owned = sizes;
+  for (Restored& before : restored) before = Restored();
+  becomeOwner();  // also of what is made later only
   int error = makeFolder();
   for (int i = 1; error != 0 && i < kErrorTries; ++i) error = makeFolder();
   if (error != 0) {
@@ -203,12 +206,7 @@ bool ownSegments(const BufferSizes& sizes) {
   }
   const Turn turn;
   bool all = true;
-  owned = sizes;
-  for (int stream = 0; stream < kStreams; ++stream) {
-    restored[stream] = Restored();
-    all = ownSegment(stream, nullptr) && all;
-  }
-  becomeOwner();
+  for (int stream = 0; stream < kStreams; ++stream) all = ownSegment(stream, nullptr) && all;
   return all;
 }
 
@@ -221,8 +219,10 @@ void restoreSegment(int stream) {
   const std::uint32_t now = monotonicMs();
   if (before.ever && now - before.ms < kRestoreMs) return;
   before = {true, now};
+  makeFolder();
   const Turn turn;
-  if (ownSegment(stream, lastHandle(stream))) {
+  const SB_HANDLE* const last = lastHandle(stream);
+  if (ownSegment(stream, last) && last != nullptr) {
     logEx(2, "buffer %s was taken away by another process, made anew", streamPath(stream));
   }
 }

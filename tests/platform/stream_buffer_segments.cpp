@@ -355,6 +355,14 @@ TEST_F(StreamBufferSegments, AreThereAlthoughOneOfTheirCallsHasFailedOnce) {
   EXPECT_TRUE(loggedLines().empty());
 }
 
+TEST_F(StreamBufferSegments, ThatCouldNotBeMadeAreMadeWhenTheyAreNeeded) {
+  failingLinks = 9;  // three tries for each of them
+  EXPECT_FALSE(own());
+  EXPECT_EQ(failingLinks, 0);
+  EXPECT_NE(sbVideo(), nullptr);
+  EXPECT_NE(sbAudio(), nullptr);
+}
+
 TEST_F(StreamBufferSegments, OfACreatorKilledAtAnyPointHarmNobody) {
   for (const sb::Point point : {sb::Point::kSegmentCreated, sb::Point::kSegmentFilled,
                                 sb::Point::kSegmentRetired, sb::Point::kSegmentReplaced}) {
