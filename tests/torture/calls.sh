@@ -113,7 +113,8 @@ all_events() {
 
 descriptors() { find "/proc/$daemon/fd" -type l 2>/dev/null | wc -l; }
 threads() { find "/proc/$daemon/task" -mindepth 1 -maxdepth 1 2>/dev/null | wc -l; }
-maps() { grep -c /dev/shm/camera "/proc/$daemon/maps"; }
+# A segment that is replaced stays mapped; that happens once to each at the most.
+segments() { awk '$6 ~ "^/dev/shm/camera/" {print $5}' "/proc/$daemon/maps" | sort -u | wc -l; }
 children() { grep -lw "PPid:.$daemon" /proc/[0-9]*/status 2>/dev/null | wc -l; }
 
 move_now_and_then() { if [ $((step % 16)) -lt 8 ]; then boardctl motion on 220 120 60 60; else boardctl motion off; fi; }
@@ -153,25 +154,23 @@ works() {
   await $((8 * slow)) all_is_done || { [ "$said" = quiet ] || breach "the next event: no$undone"; return 1; }
 }
 
-# measure: what the camera has of everything when it has least, between two recordings.
-measure() {
-  local until=$((SECONDS + 4)) now
-  most_descriptors=1000 most_threads=1000 most_maps=$(maps)
-  while [ $SECONDS -le $until ]; do
-    now=$(descriptors)
-    [ "$now" -ge "$most_descriptors" ] || most_descriptors=$now
-    now=$(threads)
-    [ "$now" -ge "$most_threads" ] || most_threads=$now
-    sleep 0.05
-  done
+# no_events: a camera that has nothing to do but to capture, so that what it holds can be compared.
+no_events() { printf '[Main]\nMax = 0\n' >"$board/etc/events.conf"; }
+
+# open_all: with the message queue, and the log for a message of a wrong length, all is open that stays open.
+open_all() {
+  local said
+  said=$(lines_of "$log")
+  eventually 10 test -S "$board/run/camera/msg/video_svr"
+  /usr/bin/python3 -c 'import socket, sys
+socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM).sendto(b"x", sys.argv[1])' "$board/run/camera/msg/video_svr"
+  was_told() { tail -n "+$((said + 1))" "$log" | grep -q 'message of 1 bytes dropped'; }
+  eventually 10 was_told
 }
 
-# nothing_more: what it has now, at some time.
+# nothing_more than before the first event.
 nothing_more() {
-  now_descriptors=$(descriptors) now_threads=$(threads)
-  [ "$now_descriptors" -gt "$most_descriptors" ] || few_descriptors=yes
-  [ "$now_threads" -gt "$most_threads" ] || few_threads=yes
-  [ "$few_descriptors$few_threads" = yesyes ] && [ "$(children)" -eq 0 ]
+  [ "$(descriptors)" -le "$most_descriptors" ] && [ "$(threads)" -le "$most_threads" ] && [ "$(children)" -eq 0 ]
 }
 
 # live CAMERA SECONDS
@@ -182,10 +181,15 @@ live() {
   options_of "$1"
   if [[ $1 == [BK]* ]]; then start_hardware --model "$1"; fi
   rm -f "$board"/dev/shm/camera/.video*  # of the starts before
+  rm -f "$board/run/camera/msg/video_svr"
+  no_events
   start_camera "${options[@]}"
   eventually 10 has_frames
+  open_all
+  most_descriptors=$(descriptors) most_threads=$(threads)
+  cp "$work/events.conf" "$board/etc/events.conf"
+  camctl reload
   eventually 10 works quiet
-  measure
   begin "life of $1 with $most_descriptors descriptors, $most_threads threads"
   faults on $fault_ms
   until=$((SECONDS + $2))
@@ -202,14 +206,16 @@ live() {
       camctl reload
       works quiet || breach "not even after a reload:$undone"
     fi
-    few_descriptors='' few_threads=''
+    no_events
+    camctl reload
     await $((8 * slow)) nothing_more ||
-      breach "$now_descriptors descriptors instead of $most_descriptors, $now_threads threads instead of $most_threads, $(children) children: $(readlink "/proc/$daemon"/fd/* | sort | uniq -c | tr '\n' ' ')"
-    [ "$(maps)" -eq "$most_maps" ] || breach "$(maps) mappings instead of $most_maps"
+      breach "$(descriptors) descriptors instead of $most_descriptors, $(threads) threads instead of $most_threads, $(children) children: $(readlink "/proc/$daemon"/fd/* | sort | uniq -c | tr '\n' ' ')"
+    [ "$(segments)" -le 6 ] || breach "$(segments) segments are mapped"
     [ -z "$(find "$board/dev/shm/camera" -name '.*' ! -name . 2>/dev/null)" ] || breach "half a segment is left"
   fi
   end_camera
   end_hardware
+  cp "$work/events.conf" "$board/etc/events.conf"
 }
 
 trial_calls() {
@@ -230,6 +236,7 @@ trial_calls() {
   deliver_to_servers 'Attach = 1'
   printf '[Samba]\nEnable = 1\nServer = 127.0.0.1\nShare = camera\nUser = camera\nPassword = secret\n' >>"$board/etc/sys.conf"
   all_events
+  cp "$board/etc/events.conf" "$work/events.conf"
   echo 'camera:x:0:' >"$board/etc/group"
   head -c 64 /dev/zero | tee "$board/tmp/motion1.dat" >"$board/tmp/motion2.dat"
 
