@@ -193,6 +193,9 @@ void line(const char* what, double value, const char* unit, const std::string& l
 extern "C" {
 void* __real_memcpy(void* to, const void* from, std::size_t size);
 void* __real_memmove(void* to, const void* from, std::size_t size);
+// What the compiler makes of those whose destination it knows.
+void* __real___memcpy_chk(void* to, const void* from, std::size_t size, std::size_t room);
+void* __real___memmove_chk(void* to, const void* from, std::size_t size, std::size_t room);
 int __real__ZN2os6usleepEm(unsigned long microseconds);
 
 void* __wrap_memcpy(void* to, const void* from, std::size_t size) {
@@ -203,6 +206,16 @@ void* __wrap_memcpy(void* to, const void* from, std::size_t size) {
 void* __wrap_memmove(void* to, const void* from, std::size_t size) {
   if (counting && size >= kCopyCounts) copied += static_cast<long>(size);
   return __real_memmove(to, from, size);
+}
+
+void* __wrap___memcpy_chk(void* to, const void* from, std::size_t size, std::size_t room) {
+  if (counting && size >= kCopyCounts) copied += static_cast<long>(size);
+  return __real___memcpy_chk(to, from, size, room);
+}
+
+void* __wrap___memmove_chk(void* to, const void* from, std::size_t size, std::size_t room) {
+  if (counting && size >= kCopyCounts) copied += static_cast<long>(size);
+  return __real___memmove_chk(to, from, size, room);
 }
 
 int __wrap__ZN2os6usleepEm(unsigned long microseconds) {
