@@ -22,6 +22,7 @@ constexpr char kOutputs[][32] = {"/run/camera/io/output1", "/run/camera/io/outpu
 
 constexpr double kFirstPictureMs = 1000;
 constexpr double kGivenUpMs = 10000;
+constexpr double kHardwareMs = 60000;  // it loads many libraries
 constexpr double kEndMs = 5000;
 constexpr double kHardlyBegunMs = 500;  // until then a signal may meet a process without a handler
 constexpr double kOutputMs = 2000;      // for the peer that drives them
@@ -75,7 +76,7 @@ void CameraLife::startHardware() {
   hardware_ = start({"/home/hardware", "--board", "/", "--model", options_.model}, kLog);
   const double begun = nowMs();
   while (access(kHardwareSocket, F_OK) != 0) {
-    if (nowMs() - begun > kGivenUpMs) return report_->broken("the hardware does not start", "");
+    if (nowMs() - begun > kHardwareMs) return report_->broken("the hardware does not start", "");
     sleepMs(1);
   }
 }
@@ -179,12 +180,14 @@ double CameraLife::moment() {
   return moments_.upTo(longest);
 }
 
-// What the machine, and not the camera, made this life wait since `begun`. A picture is the
-// hardware's work, and then the daemon's.
+// What the machine, and not the camera, made this life wait since `begun`. These come one after the
+// other: the daemon's threads start each other, a picture is the hardware's work first, and the
+// trial's own reader sees it last.
 double CameraLife::patience(double begun) const {
-  double waited = longestWait(daemon_, {});
+  double waited = hiccups_.since(begun);
+  for (const auto& one : waitedForProcessor(daemon_)) waited += one.second;
   if (hardware_ > 0) waited += longestWait(hardware_, hardwareWaited_);
-  return std::max(waited, hiccups_.since(begun));
+  return waited;
 }
 
 void CameraLife::awaitFirstPicture() {
