@@ -119,7 +119,7 @@ TEST_F(Recorder, SecondStartMayShortenARecording) {
 }
 
 TEST_F(Recorder, PictureFromBeforeTheSecondStartIsNotStoredAfterIt) {
-  pictures(fake.video2, 0.1, 0.2, 0.3);
+  pictures(fake.video2, 0.1, 0.2, 0.35);
   pictures(fake.video2, 2, 1, 2);
   recorder.start(60);
   fake.at(0.5, [this] { recorder.start(0); });
@@ -216,8 +216,15 @@ TEST_F(RecordFixture, BufferSmallerThanARecordHasNoRoomToConvertInto) {
 TEST_F(Recorder, FrameOfImpossibleLengthIsPassedOver) {
   fake.at(0.1, [this] { push(fake.video2, std::numeric_limits<std::int32_t>::max()); });
   fake.at(0.2, [this] { push(fake.video2, kUsable + 1); });
-  fake.at(0.25, [this] { push(fake.video2, 0); });
-  fake.at(0.26, [this] { push(fake.video2, -1); });
+  for (const std::int32_t length : {0, -1})
+    fake.at(0.25 + 0.02 * length, [this, length] {  // a writer of our own would not publish it
+      const int index = fake.video2.reserve();
+      SB_FRAME* const frame = fake.video2.frame(index);
+      storeLe32(frame->seconds, now().seconds());
+      storeLe32(frame->microseconds, now().microseconds());
+      storeLe32(frame->length, static_cast<std::uint32_t>(length));
+      fake.video2.publish(index);
+    });
   fake.at(0.3, [this] { fake.video2.push("\xFF\xD8" + std::string(kUsable - 2, 'x')); });
   recorder.start(0);
   runBodies(recorder);
