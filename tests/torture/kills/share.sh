@@ -23,6 +23,7 @@ kill_share() {
   slow=4  # no promise of time is looked at here
   start_server
   start_recorder server K310
+  is_mounted || mount_again 'at first'
   local killed=0 victims
   while time_is_left 40; do
     record
