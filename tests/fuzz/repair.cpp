@@ -62,8 +62,8 @@ std::string damaged(Input& input) {
   return bytes;
 }
 
-// As a player goes through it, chunk by chunk.
-void requireWhole(const std::string& bytes, std::uint64_t pictures) {
+// As a player goes through it, chunk by chunk. The pictures are those that were there `before`.
+void requireWhole(const std::string& bytes, const std::string& before, std::uint64_t pictures) {
   constexpr std::size_t kHead = 4096;
   std::size_t at = kHead;
   std::uint64_t seen = 0;
@@ -73,7 +73,12 @@ void requireWhole(const std::string& bytes, std::uint64_t pictures) {
       continue;
     }
     const std::size_t length = loadLe32(bytes.data() + at + 4);
-    if (bytes.compare(at, 4, "00dc") == 0) ++seen;
+    if (bytes.compare(at, 4, "00dc") == 0) {
+      require(at + 8 + length <= before.size() &&
+                  bytes.compare(at + 8, length, before, at + 8, length) == 0,
+              "a picture was whole before");
+      ++seen;
+    }
     at += 8 + length + length % 2;
   }
   require(at == bytes.size(), "chunks make up the file");
@@ -94,7 +99,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   require(first.result >= 0 || *first.reason != '\0', "a refusal tells why");
   if (first.result == 0 || (first.result < 0 && first.error == 0))
     require(before == after, "what is sound or refused is left alone");
-  if (first.result >= 0 && !after.empty()) requireWhole(after, first.pictures);
+  if (first.result >= 0 && !after.empty()) requireWhole(after, before, first.pictures);
   if (first.result == 1) {
     const AviRepair second = repairAvi(kPath);
     // Without room for the other index the file goes without, and is not as it ought to be.
