@@ -198,16 +198,19 @@ void SB_HANDLE::mend() {
   logEx(2, "buffer %s was damaged by another process, mended", sb::streamPath(stream));
 }
 
-// Those that nobody has written since the segment was cut, without a mark.
+// Those that this process has written last, or nobody since the segment was cut. Marks stay as they
+// are: what is restored is not written anew. A cut may have spared the control word and not the
+// value.
 void SB_HANDLE::restoreSlots() {
   const auto lease = static_cast<std::uint32_t>(mine.lease);
   sb::Word* const cells = slot + sb::kSlots + static_cast<std::size_t>(lease) * sb::kSlots * 2;
   const std::lock_guard<sb::BriefLock> guard(mine.slotLock);
   for (std::uint32_t i = 0; i < sb::kSlots; ++i) {
-    std::uint32_t untouched = 0;
-    if (slot[i] != untouched || cells[2 * i] != 0) continue;
-    cells[2 * i].store(static_cast<std::uint32_t>(mine.values[i].load()),
-                       std::memory_order_release);
-    slot[i].compare_exchange_strong(untouched, lease);
+    std::uint32_t word = slot[i];
+    if (word != 0 && (word & sb::kSlotLeaseMask) != lease) continue;
+    sb::Word& cell = cells[2 * i + ((word & sb::kSlotCell) != 0 ? 1 : 0)];
+    if (word != 0 && cell != 0) continue;
+    cell.store(static_cast<std::uint32_t>(mine.values[i].load()), std::memory_order_release);
+    if (word == 0) slot[i].compare_exchange_strong(word, lease);
   }
 }
