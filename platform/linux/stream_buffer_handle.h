@@ -132,7 +132,7 @@ struct SB_HANDLE {
   void clearPins(int lease);
   bool clearStrayPins();
   void mend();
-  void restoreSlots();
+  bool restoreSlots();
 
   Relaxed<std::uint32_t> untilLook_ = 1;
   Relaxed<std::uint32_t> lookEvery_ = 1;

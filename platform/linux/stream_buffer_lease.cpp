@@ -188,8 +188,8 @@ void SB_HANDLE::mend() {
   const bool changed = sb::restoreHead(segment);
   head.retired = 0;
   retirementSeen_ = false;
-  if (!cut && !torn && !changed) return;
-  restoreSlots();
+  const bool lost = restoreSlots();
+  if (!cut && !torn && !changed && !lost) return;
   {
     const std::lock_guard<sb::BriefLock> frameGuard(mine.frameLock);
     // So that no reader, which knows higher numbers, waits for them to come again.
@@ -201,16 +201,21 @@ void SB_HANDLE::mend() {
 // Those that this process has written last, or nobody since the segment was cut. Marks stay as they
 // are: what is restored is not written anew. A cut may have spared the control word and not the
 // value.
-void SB_HANDLE::restoreSlots() {
+// Returns true iff a value was missing.
+bool SB_HANDLE::restoreSlots() {
   const auto lease = static_cast<std::uint32_t>(mine.lease);
   sb::Word* const cells = slot + sb::kSlots + static_cast<std::size_t>(lease) * sb::kSlots * 2;
   const std::lock_guard<sb::BriefLock> guard(mine.slotLock);
+  bool lost = false;
   for (std::uint32_t i = 0; i < sb::kSlots; ++i) {
+    if (mine.values[i] == 0) continue;
     std::uint32_t word = slot[i];
     if (word != 0 && (word & sb::kSlotLeaseMask) != lease) continue;
     sb::Word& cell = cells[2 * i + ((word & sb::kSlotCell) != 0 ? 1 : 0)];
-    if (word != 0 && cell != 0) continue;
+    if (cell != 0 && (word != 0 || lease == 0)) continue;
+    lost = true;
     cell.store(static_cast<std::uint32_t>(mine.values[i].load()), std::memory_order_release);
     if (word == 0) slot[i].compare_exchange_strong(word, lease);
   }
+  return lost;
 }

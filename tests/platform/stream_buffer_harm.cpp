@@ -132,6 +132,17 @@ TEST_F(StreamBufferHarm, CutAndEnlargedAgainAtOnceIsMendedToo) {
   EXPECT_EQ(newcomer(seed - 7), 0);
 }
 
+TEST_F(StreamBufferHarm, CutAndEnlargedAgainBehindTheHeadIsMendedToo) {
+  ASSERT_EQ(truncate(path().c_str(), 192), 0);
+  ASSERT_EQ(truncate(path().c_str(), 20480 + 8 * 8192), 0);
+  std::uint32_t seed = 100;
+  ASSERT_TRUE(eventually([&] {
+    writeFrame(sbVideo(), ++seed);
+    return mended();
+  }));
+  EXPECT_EQ(sbGetUserdata(sbVideo(), 3), 33);
+}
+
 TEST_F(StreamBufferHarm, CutOverAndOverEndsNobody) {
   SharedWords shared;
   Child harm([&] {
