@@ -1,6 +1,6 @@
 // The settings of mail, and the text that it begins with.
-#include <cstdio>
 #include <cstring>
+#include <string>
 
 #include "platform/camera_config.h"
 #include "platform/date_time.h"
@@ -43,11 +43,10 @@ int get_mail_body(char* text, long size, long time) {
   const std::string name = mailUtf8(line);
   TDateTime moment;
   moment.set(time, 0);
-  char body[2 * kLineSize];
-  const int length = std::snprintf(body, sizeof body, "%s%s%sTime: %s\n",
-                                   name.empty() ? "" : "Camera: ", name.c_str(),
-                                   name.empty() ? "" : "\n", moment.getTimeString().c_str());
-  if (length >= size) return -1;
-  std::memcpy(text, body, static_cast<std::size_t>(length) + 1);
+  // Characters that are none become longer by being replaced, so that no fixed piece would do.
+  const std::string body =
+      (name.empty() ? "" : "Camera: " + name + "\n") + "Time: " + moment.getTimeString() + "\n";
+  if (static_cast<long>(body.size()) >= size) return -1;
+  std::memcpy(text, body.c_str(), body.size() + 1);
   return 0;
 }

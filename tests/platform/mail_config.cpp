@@ -148,4 +148,16 @@ TEST_F(MailConfig, ABodyThatDoesNotFitFails) {
   EXPECT_EQ(text, whole);
 }
 
+TEST_F(MailConfig, ANameThatIsNoTextDoesNotOutgrowTheBody) {
+  setenv("TZ", "UTC", 1);
+  tzset();
+  configure("[Camera]\nName=" + std::string(180, '\xbc') + "\n");
+  std::string whole = "Camera: ";
+  for (int i = 0; i < 180; ++i) whole += "\xef\xbf\xbd";
+  whole += "\nTime: 1970/01/01 00:00:00\n";
+  char text[1000];
+  ASSERT_EQ(get_mail_body(text, sizeof text, 0), 0);
+  EXPECT_EQ(text, whole);
+}
+
 }  // namespace
