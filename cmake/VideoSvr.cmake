@@ -28,6 +28,7 @@ endif()
 if(NOT VS_SANITIZE AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
   add_compile_options(-D_FORTIFY_SOURCE=2 -fstack-protector-strong -fstack-clash-protection)
   add_link_options(-Wl,-z,relro,-z,now -Wl,-z,noexecstack)
+  add_compile_options(-ffunction-sections -fdata-sections)  # a camera's flash is small
 endif()
 if(NOT CMAKE_EXE_LINKER_FLAGS_INIT MATCHES "-static")
   include(CheckPIESupported)
