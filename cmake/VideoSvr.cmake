@@ -1,5 +1,6 @@
 # Compiler options and the two ways to add a target: vs_library() for a layer, vs_test() for tests.
 
+option(VS_UNIT_TESTS "build the unit tests" ON)
 option(VS_DAEMON "build what needs third-party libraries: the daemon, camctl, board tests" ON)
 set(VS_SANITIZE "" CACHE STRING "value of -fsanitize, empty for none")
 option(VS_COVERAGE "count which lines of the daemon run: see scripts/coverage" OFF)

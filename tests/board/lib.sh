@@ -37,12 +37,14 @@ set_up() {
   : >"$log"
 }
 
+# tear_down: ends what still runs, and no number of what has ended: somebody else may have that by now.
 tear_down() {
-  local status=$? one pid
+  local status=$? one pid running
   trap - EXIT
   set +e
   if [ $status -ne 0 ] && [ $status -ne 77 ]; then
-    echo "--- log of the daemon"
+    see_daemon
+    echo "--- log of the daemon, which $daemon_state"
     tail -n 40 "$log"
     echo "--- event log"
     tail -n 20 "$events" 2>/dev/null
@@ -50,10 +52,11 @@ tear_down() {
   fi
   for one in "$work"/*/.board; do
     for pid in "${one%/.board}"/run/*.pid; do
-      [ -e "$pid" ] && kill -KILL "$(cat "$pid")" 2>/dev/null
+      [ -e "$pid" ] && is_ours "$(cat "$pid")" && kill -KILL "$(cat "$pid")" 2>/dev/null
     done
   done
-  [ ${#boxes[@]} -eq 0 ] || kill -KILL "${boxes[@]}" 2>/dev/null
+  running=" $(jobs -pr | tr '\n' ' ')"
+  for one in "${boxes[@]}"; do [[ $running != *" $one "* ]] || kill -KILL "$one"; done
   wait 2>/dev/null
   for one in "$work"/*/.board; do
     [ -z "${VS_COVERAGE:-}" ] || keep_counts "${one%/.board}/var/log/camera/counts$build"
@@ -62,6 +65,22 @@ tear_down() {
   chmod -R u+w "$work"
   rm -rf -- "$work"
   exit $status
+}
+
+# is_ours PID: true iff that is a process of this test. On a busy machine the number of one that has ended is
+# another's after some minutes, of another test perhaps.
+is_ours() { grep -qzxF "XDG_RUNTIME_DIR=$XDG_RUNTIME_DIR" "/proc/$1/environ" 2>/dev/null; }
+
+# see_daemon: $daemon_state says in words how the daemon has ended, if it has. Its box ends as it does.
+see_daemon() {
+  local code=0
+  daemon_state='was not started'
+  [ -n "${daemon_box:-}" ] || return 0
+  daemon_state='runs'
+  is_gone "$daemon_box" || return 0
+  wait "$daemon_box" 2>/dev/null || code=$?
+  daemon_state="ended with status $code"
+  [ $code -le 128 ] || daemon_state="was ended by SIG$(kill -l $code)"
 }
 
 sanitizer_reports() { cat "$board"/var/log/camera/sanitizer* 2>/dev/null; }

@@ -31,8 +31,11 @@ judge() {
 
 end_trial() {
   local status=$?
-  if [ "$ended" = no ]; then broken "$name" "the trial ended early" "status $status"; fi
   set +e
+  if [ "$ended" = no ]; then
+    see_daemon
+    broken "$name" "the trial ended early" "status $status; the daemon $daemon_state"
+  fi
   (exit $status)
   tear_down
 }
