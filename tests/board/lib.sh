@@ -39,7 +39,7 @@ set_up() {
 
 # tear_down: ends what still runs, and no number of what has ended: somebody else may have that by now.
 tear_down() {
-  local status=$? one pid running
+  local status=$? one pid
   trap - EXIT
   set +e
   if [ $status -ne 0 ] && [ $status -ne 77 ]; then
@@ -55,8 +55,7 @@ tear_down() {
       [ -e "$pid" ] && is_ours "$(cat "$pid")" && kill -KILL "$(cat "$pid")" 2>/dev/null
     done
   done
-  running=" $(jobs -pr | tr '\n' ' ')"
-  for one in "${boxes[@]}"; do [[ $running != *" $one "* ]] || kill -KILL "$one"; done
+  for one in "${boxes[@]}"; do if is_child "$one"; then kill -KILL "$one"; fi; done
   wait 2>/dev/null
   for one in "$work"/*/.board; do
     [ -z "${VS_COVERAGE:-}" ] || keep_counts "${one%/.board}/var/log/camera/counts$build"
@@ -70,6 +69,12 @@ tear_down() {
 # is_ours PID: true iff that is a process of this test. On a busy machine the number of one that has ended is
 # another's after some minutes, of another test perhaps.
 is_ours() { grep -qzxF "XDG_RUNTIME_DIR=$XDG_RUNTIME_DIR" "/proc/$1/environ" 2>/dev/null; }
+
+# is_child PID: true iff that is a process of this shell's own; in a pipeline it may be any of them.
+is_child() {
+  local stat
+  read -r stat 2>/dev/null <"/proc/$1/stat" && [[ ${stat##*) } == ?" $BASHPID "* ]]
+}
 
 # see_daemon: $daemon_state says in words how the daemon has ended, if it has. Its box ends as it does.
 see_daemon() {

@@ -14,7 +14,7 @@ test_the_end_of_a_test_kills_nobody_who_has_its_numbers_now() {
   (
     boxes=("$other")
     set_up
-    sleep 60 &
+    yes | sleep 60 &
     boxes+=($!)
     echo $! >"$outer/job"
     echo "$other" >"$board/run/video_svr.pid"
