@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <initializer_list>
 
@@ -71,8 +72,11 @@ void fillStandardDescriptors() {
 
 // One heap for all threads. With one for each few of them, as is the C library's way, every rebuild
 // of the events hands them out anew, and each grows to what the largest of its users ever needed.
-// Threads allocate too seldom to get into each other's way.
-void shareHeap() { mallopt(M_ARENA_MAX, 1); }
+// Threads allocate too seldom to get into each other's way. Who starts the process may have it
+// otherwise.
+void shareHeap() {
+  if (std::getenv("MALLOC_ARENA_MAX") == nullptr) mallopt(M_ARENA_MAX, 1);
+}
 
 int runHooks(TApplication& application) {
   if (!application.onInitial()) return 1;

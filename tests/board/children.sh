@@ -49,6 +49,9 @@ test_descriptors_do_not_grow() {
   write_events 'Source = 3' 'Interval = 1' 'Usb = 1' 'Buzzer = 1' 'Out1 = 1'
   start_camera
   eventually 10 recorded 2
+  # Value files stay open from the first look on.
+  io_is_open() { [ "$(find "/proc/$daemon/fd" -lname '*/run/camera/io/*' 2>/dev/null | wc -l)" -eq 4 ]; }
+  eventually 10 io_is_open
   local before
   before=$(ls "/proc/$daemon/fd" | wc -l)
   for _ in 1 2; do

@@ -33,4 +33,13 @@ void* __wrap_memmove(void* to, const void* from, std::size_t size) {
   return __real_memmove(to, from, size);
 }
 
+// What hardened code calls where the compiler knows the room.
+void* __wrap___memcpy_chk(void* to, const void* from, std::size_t size, std::size_t) {
+  return __wrap_memcpy(to, from, size);
+}
+
+void* __wrap___memmove_chk(void* to, const void* from, std::size_t size, std::size_t) {
+  return __wrap_memmove(to, from, size);
+}
+
 }  // extern "C"
