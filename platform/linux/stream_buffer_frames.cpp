@@ -56,7 +56,7 @@ int SB_HANDLE::tryReserve() {
       const std::uint32_t number = seq[i].load(std::memory_order_relaxed);
       const std::uint32_t age = number == 0 ? UINT32_MAX : latest - number;
       if (held(i)) {
-        if (number != 0 && age > heldAge) heldAge = age;
+        if (age > heldAge) heldAge = age;
       } else if (best < 0 || age > bestAge) {
         best = i;
         bestAge = age;

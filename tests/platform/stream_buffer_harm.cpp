@@ -235,6 +235,15 @@ TEST_F(StreamBufferHarm, PinsThatNobodyHasSetDoNotHoldTheWriter) {
   for (std::uint32_t i = 0; i < 20; ++i) EXPECT_TRUE(writeFrame(sbVideo(), 100 + i, 100));
 }
 
+// It is the writer's first choice, and was never missed while there were others.
+TEST_F(StreamBufferHarm, AnEmptyFrameThatTheDeadHoldIsTakenBack) {
+  sbVideo()->seq[5] = 0;
+  sbVideo()->holders[5 * 2 + 1] = 1U << 20;
+  for (std::uint32_t i = 0; i < 10; ++i) EXPECT_TRUE(writeFrame(sbVideo(), 100 + i));
+  EXPECT_EQ(sbVideo()->holders[5 * 2 + 1], 0U);
+  EXPECT_EQ(newcomer(102), 0);
+}
+
 // Random words at full speed over everything that the group may write to, while the owner captures
 // and readers read. Nothing ends, nothing hangs, and afterwards all is well.
 TEST_F(StreamBufferHarm, GarbageInEveryWordEndsNobodyAndIsMended) {
