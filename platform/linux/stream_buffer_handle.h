@@ -99,6 +99,8 @@ struct SB_HANDLE {
     return left == 0 || retired();
   }
   void look();
+  // Takes over what the process knows of the slots of `other`, where it has not learnt more since.
+  void adoptValues(const SB_HANDLE& other);
   void notice() {
     if (lookIsDue()) look();
   }

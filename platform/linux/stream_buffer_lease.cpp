@@ -198,23 +198,33 @@ void SB_HANDLE::mend() {
   logEx(2, "buffer %s was damaged by another process, mended", sb::streamPath(stream));
 }
 
+void SB_HANDLE::adoptValues(const SB_HANDLE& other) {
+  const std::lock_guard<sb::BriefLock> guard(mine.slotLock);
+  for (std::uint32_t i = 0; i < sb::kSlots; ++i) {
+    if (mine.values[i] == 0) mine.values[i] = other.mine.values[i];
+  }
+}
+
 // Those that this process has written last, or nobody since the segment was cut. Marks stay as they
 // are: what is restored is not written anew. A cut may have spared the control word and not the
 // value.
 // Returns true iff a value was missing.
 bool SB_HANDLE::restoreSlots() {
   const auto lease = static_cast<std::uint32_t>(mine.lease);
-  sb::Word* const cells = slot + sb::kSlots + static_cast<std::size_t>(lease) * sb::kSlots * 2;
+  sb::Word* const cells = slot + sb::kSlots;
   const std::lock_guard<sb::BriefLock> guard(mine.slotLock);
   bool lost = false;
   for (std::uint32_t i = 0; i < sb::kSlots; ++i) {
     if (mine.values[i] == 0) continue;
     std::uint32_t word = slot[i];
-    if (word != 0 && (word & sb::kSlotLeaseMask) != lease) continue;
-    sb::Word& cell = cells[2 * i + ((word & sb::kSlotCell) != 0 ? 1 : 0)];
-    if (cell != 0 && (word != 0 || lease == 0)) continue;
+    const std::uint32_t named = word & sb::kSlotLeaseMask;
+    if (word != 0 && named != lease) continue;
+    const std::uint32_t which = (word & sb::kSlotCell) != 0 ? 1 : 0;
+    // In a segment that was made anew, words of 0 name values in cells of the first lease.
+    if (cells[(named * sb::kSlots + i) * 2 + which] != 0) continue;
     lost = true;
-    cell.store(static_cast<std::uint32_t>(mine.values[i].load()), std::memory_order_release);
+    cells[(lease * sb::kSlots + i) * 2 + which].store(
+        static_cast<std::uint32_t>(mine.values[i].load()), std::memory_order_release);
     if (word == 0) slot[i].compare_exchange_strong(word, lease);
   }
   return lost;

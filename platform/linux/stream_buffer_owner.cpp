@@ -222,9 +222,11 @@ void restoreSegment(int stream) {
   makeFolder();
   const Turn turn;
   const SB_HANDLE* const last = lastHandle(stream);
-  if (ownSegment(stream, last) && last != nullptr) {
-    logEx(2, "buffer %s was taken away by another process, made anew", streamPath(stream));
-  }
+  if (!ownSegment(stream, last) || last == nullptr) return;
+  SB_HANDLE* const made = lastHandle(stream);
+  if (made == last) return;  // the name was there again
+  made->adoptValues(*last);
+  logEx(2, "buffer %s was taken away by another process, made anew", streamPath(stream));
 }
 
 }  // namespace sb

@@ -213,6 +213,53 @@ TEST_F(StreamBufferHarm, ReplacedByWhatIsNoSegmentIsMadeAnewByItsOwner) {
   EXPECT_EQ(newcomer(seed - 7), 0);
 }
 
+TEST_F(StreamBufferHarm, CutAfterItWasMadeAnewIsMendedWithTheSlotsOfBefore) {
+  SB_HANDLE* const before = sbVideo();
+  fs::remove(path());
+  std::uint32_t seed = 100;
+  ASSERT_TRUE(eventually([&] {
+    writeFrame(sbVideo(), ++seed);
+    return sbVideo() != before;
+  }));
+  ASSERT_EQ(truncate(path().c_str(), 0), 0);
+  ASSERT_TRUE(eventually([&] {
+    writeFrame(sbVideo(), ++seed);
+    return mended();
+  }));
+  for (int i = 0; i < 10; ++i) ASSERT_TRUE(writeFrame(sbVideo(), ++seed));
+  EXPECT_EQ(newcomer(seed - 7), 0);
+}
+
+// The first lease, in whose cells the values are, is somebody else's then.
+TEST_F(StreamBufferHarm, MadeAnewWhileAReaderWaitsForItIsNotTakenForDamaged) {
+  SB_HANDLE* const before = sbVideo();
+  SharedWords shared;
+  std::unique_ptr<Child> reader;
+  callAt(sb::Point::kSegmentReplaced, [&] {
+    reader = std::make_unique<Child>([&] {
+      sb::forgetStreams();
+      shared[0] = sbVideo() == nullptr || sbVideo()->mine.lease != 0 ? 2 : 1;
+      while (shared[1] == 0) usleep(1000);
+      return 0;
+    });
+    eventually([&] { return shared[0] != 0; });
+  });
+  fs::remove(path());
+  std::uint32_t seed = 100;
+  ASSERT_TRUE(eventually([&] {
+    writeFrame(sbVideo(), ++seed);
+    return sbVideo() != before;
+  }));
+  callAt(sb::Point::kCount, nullptr);
+  ASSERT_EQ(shared[0], 1U);
+  const std::uint32_t start = monotonicMs();
+  while (monotonicMs() - start < 1200) sbVideo()->look();
+  EXPECT_FALSE(mended());
+  EXPECT_EQ(sbGetUserdata(sbVideo(), 3), 33);
+  shared[1] = 1;
+  EXPECT_EQ(reader->wait(), 0);
+}
+
 // Each would cost memory for good.
 TEST_F(StreamBufferHarm, TakenAwayAgainAndAgainIsNotMadeAnewEachTime) {
   for (int i = 0; i < 5; ++i) {
