@@ -29,6 +29,16 @@ judge() {
   if "${command[@]}"; then held "$@"; else broken "$@"; fi
 }
 
+# untried NUMBER WHAT...: begins what a line says that it reached, when what it is about did not happen.
+untried() {
+  local none=''
+  while [ $# -gt 0 ]; do
+    [ "$1" -gt 0 ] || none+="${none:+, }no $2"
+    shift 2
+  done
+  [ -z "$none" ] || echo "not tried, the time was too short: $none; "
+}
+
 end_trial() {
   local status=$?
   set +e

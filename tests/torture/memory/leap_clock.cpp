@@ -369,9 +369,12 @@ int leapPpoll(pollfd* fds, nfds_t count, const timespec* limit, const sigset_t* 
   return await(fds, count, inNs(*limit), mask);
 }
 
-// So wait those who want something of a server; the watchdog, who waits for ever, does not.
+// So wait those who want something of a server, and the main thread, which waits for the clock, or
+// for the signal to end. The watchdog, who waits for ever, is no matter.
 int leapPoll(pollfd* fds, nfds_t count, int ms) {
   if (ms < 0) return realPoll(fds, count, ms);
+  if (shared != nullptr && ms > 0 && gettid() == getpid())
+    return await(fds, count, ms * (kNsPerS / 1000), nullptr);
   const Outside here;
   return realPoll(fds, count, ms);
 }
