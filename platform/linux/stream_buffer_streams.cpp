@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <cerrno>
 #include <mutex>
 #include <new>
 #include <string>
@@ -129,7 +130,8 @@ Attached attach(int stream) {
 }
 
 // By name alone: opening the file and closing it again would drop the process's locks on it. A
-// segment whose name is gone is kept, unless its owner can make another.
+// segment whose name is gone is kept, unless its owner can make another. A look that fails for
+// another reason tells nothing.
 bool lookForReplacement(SB_HANDLE* handle, std::uint32_t nowMs, std::uint32_t everyMs) {
   State& state = streams().state[handle->stream];
   if (current[handle->stream].load(std::memory_order_relaxed) != handle) return false;
@@ -139,7 +141,7 @@ bool lookForReplacement(SB_HANDLE* handle, std::uint32_t nowMs, std::uint32_t ev
   const bool named = lstat(state.path.c_str(), &status) == 0;
   if (named && sameFile(handle, status)) return true;
   if (!named) {
-    restoreSegment(handle->stream);
+    if (errno == ENOENT) restoreSegment(handle->stream);
     return false;
   }
   SB_HANDLE* expected = handle;

@@ -9,6 +9,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -17,6 +18,22 @@
 
 #include "platform/linux/event_text.h"
 #include "tests/platform/support.h"
+
+namespace {
+int failingLooks = 0;  // at a file that is open, from now on
+}  // namespace
+
+extern "C" {
+int __real_fstat64(int fd, void* status);
+int __wrap_fstat64(int fd, void* status);
+
+int __wrap_fstat64(int fd, void* status) {
+  if (failingLooks == 0) return __real_fstat64(fd, status);
+  --failingLooks;
+  errno = EIO;
+  return -1;
+}
+}
 
 namespace {
 
@@ -159,6 +176,23 @@ TEST_F(EventLog, HalfALineIsTakenBack) {
   });
   ASSERT_EQ(child.wait(), 0);
   EXPECT_EQ(file(), old);
+  EXPECT_THAT(child.output(), HasSubstr("can't write the event log: "));
+}
+
+TEST_F(EventLog, HalfALineCostsNoOtherThoughItsPlaceIsUnknown) {
+  makeFolder();
+  const std::string old(1000, 'o');
+  writeFile(root.path(kFile), old);
+  Child child([] {
+    signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit{1010, 1010};
+    if (setrlimit(RLIMIT_FSIZE, &limit) != 0) return 77;
+    failingLooks = 1;
+    log_event(517);
+    return 0;
+  });
+  ASSERT_EQ(child.wait(), 0);
+  EXPECT_EQ(file().substr(0, old.size()), old);
   EXPECT_THAT(child.output(), HasSubstr("can't write the event log: "));
 }
 
