@@ -11,6 +11,7 @@
 #include "platform/mpg430.h"
 #include "platform/os.h"
 #include "platform/stream_buffer.h"
+#include "platform/timer.h"
 #include "record/avi_writer.h"
 
 namespace {
@@ -22,7 +23,7 @@ constexpr long kFrameMs = 61;
 // Inputs need this long to settle on another signal.
 constexpr unsigned kSourceSettleS = 1;
 // Between a start that the driver refused and the next one.
-constexpr long kStartAgainS = 1;
+constexpr std::uint32_t kStartAgainMs = 1000;
 
 constexpr char kPictureStart[] = {0, 0, 1, static_cast<char>(0xB6)};
 // Behind the start code, in the two highest bits: how the picture is coded, 0 being a key picture.
@@ -49,6 +50,8 @@ Relaxed<bool> TMpg430::fHeadr = false;
 Relaxed<bool> TMpg430::fImage = false;
 char TMpg430::header[kHeaderText] = "";
 char TMpg430::lastType = kTypePredicted;
+bool TMpg430::startIsDue = false;
+std::uint32_t TMpg430::refusedMs = 0;
 
 static_assert(sizeof TMpg430::header == 2 * kMpg430HeaderBytes + 1, "two digits a byte");
 static_assert(TAviWriter::kHeaderBytes == kMpg430HeaderBytes, "the writer gets it as it is");
@@ -72,14 +75,14 @@ void TMpg430::enableStream(int on) {
   // Not the virtual one: constructor and destructor come here.
   const int result =
       TCamera::ioctl(static_cast<int>(kMpg430StreamStart), &on, "MPG430_STREAM_START");
-  startIsDue_ = on != 0 && result < 0 && fd_ >= 0;
-  startTimer_.reset(kStartAgainS);
+  startIsDue = on != 0 && result < 0 && fd_ >= 0;
+  refusedMs = monotonicMs();
   fHeadr = true;
   aviWriter()->cut();
 }
 
 void TMpg430::startAgain() {
-  if (startIsDue_ && startTimer_.timeout()) enableStream(1);
+  if (startIsDue && monotonicMs() - refusedMs >= kStartAgainMs) enableStream(1);
 }
 
 int TMpg430::request(unsigned request, void* argument, const char* name) {

@@ -1,8 +1,9 @@
 // The MPEG-4 encoder.
 #pragma once
 
+#include <cstdint>
+
 #include "capture/camera.h"
-#include "platform/timer.h"
 
 // Reads the encoder's stream chunk by chunk into frames, tags each chunk (capture/chunk_trailer.h),
 // hands it to the AVI writer in mode 0, and fetches the stream's header whenever it may have
@@ -67,6 +68,6 @@ class TMpg430 : public TCamera {
   void passOn(const char* chunk, long length, bool raised);
   void fetchHeader(bool ofGathered);
 
-  bool startIsDue_ = false;  // it was to start, and refused
-  TTimer startTimer_{0};
+  static bool startIsDue;          // it was to start, and refused
+  static std::uint32_t refusedMs;  // monotonic, when
 };
