@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "platform/bytes.h"
-#include "platform/linux/stream_buffer_futex.h"
+#include "platform/linux/futex.h"
 #include "platform/linux/stream_buffer_handle.h"
 #include "platform/linux/stream_buffer_points.h"
 #include "platform/linux/thread_access.h"
@@ -91,7 +91,7 @@ int SB_HANDLE::reserve(long waitMs) {
       index = attempt();
       const long left = limit.left();
       if (index >= 0 || left == 0 || ThreadAccess::stopAsked()) break;
-      sb::futexWait(head.freed, freed, left < kReapWhileWaitingMs ? left : kReapWhileWaitingMs);
+      futexWait(head.freed, freed, left < kReapWhileWaitingMs ? left : kReapWhileWaitingMs);
     }
     head.writerWaits = 0;
   }
@@ -129,7 +129,7 @@ void SB_HANDLE::publish(int index) {
     head.latest.exchange(number);
   }
   sb::reached(sb::Point::kLatestMoved);
-  if (head.readersWait.load() == before) sb::futexWake(head.latest);
+  if (head.readersWait.load() == before) futexWake(head.latest);
   reapNowAndThen();
 }
 
@@ -189,7 +189,7 @@ void SB_HANDLE::unpin(int index) {
   sb::reached(sb::Point::kPinCleared);
   if (head.writerWaits.load() == 0) return;
   head.freed.fetch_add(1);
-  sb::futexWake(head.freed);
+  futexWake(head.freed);
 }
 
 // Pins the frame with the smallest number after `*number` and moves `*number` to it. Numbers beyond
@@ -248,7 +248,7 @@ int SB_HANDLE::acquire(long ageMs, std::int32_t* number, std::int32_t* epoch, lo
     const long left = limit.left();
     if (left == 0 || ThreadAccess::stopAsked()) return -1;
     if (head.retired != retired) return -1;
-    if (announceWait(latest)) sb::futexWait(head.latest, latest, left);
+    if (announceWait(latest)) futexWait(head.latest, latest, left);
   }
 }
 

@@ -6,7 +6,7 @@
 #include <unistd.h>
 #include <new>
 
-#include "platform/linux/stream_buffer_futex.h"
+#include "platform/linux/futex.h"
 #include "platform/linux/stream_buffer_handle.h"
 #include "platform/linux/stream_buffer_points.h"
 #include "platform/linux/stream_buffer_streams.h"
@@ -92,7 +92,7 @@ bool SB_HANDLE::ensureWriter() {
   head.writing = 0;
   head.writerWaits = 0;
   head.writerPid = static_cast<std::uint32_t>(getpid());
-  sb::futexWake(head.latest);
+  futexWake(head.latest);
   mine.writer = true;
   return true;
 }

@@ -12,8 +12,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "platform/linux/futex.h"
 #include "platform/linux/root.h"
-#include "platform/linux/stream_buffer_futex.h"
 #include "platform/linux/stream_buffer_points.h"
 #include "platform/timer.h"
 

@@ -17,7 +17,7 @@
 
 #include "platform/application.h"
 #include "platform/linux/clock.h"
-#include "platform/linux/stream_buffer_futex.h"
+#include "platform/linux/futex.h"
 #include "platform/linux/thread_access.h"
 #include "platform/log.h"
 #include "platform/relaxed.h"
@@ -61,11 +61,11 @@ struct PThread::State {
   char name[kNameSize];
   PThread* object;  // null once it is gone
   Relaxed<bool> running;
-  sb::Word asked{0};     // 1: to stop, from outside; the body's pauses wait for it
-  Relaxed<bool> left;    // behind, by its owner
-  bool inside = false;   // execute() was started and has not returned
-  bool again = false;    // a start waits for the return
-  unsigned returns = 0;  // of bodies, ever
+  std::atomic<std::uint32_t> asked{0};  // 1: to stop, from outside; the body's pauses wait for it
+  Relaxed<bool> left;                   // behind, by its owner
+  bool inside = false;                  // execute() was started and has not returned
+  bool again = false;                   // a start waits for the return
+  unsigned returns = 0;                 // of bodies, ever
 };
 
 namespace {
@@ -185,7 +185,7 @@ bool PThread::State::ask() {
   running = false;
   if (!inside) return true;
   asked.store(1);
-  sb::futexWake(asked);
+  futexWake(asked);
   return false;
 }
 
@@ -231,7 +231,7 @@ std::int64_t ThreadAccess::pause(std::int64_t microseconds) {
     auto& s = *static_cast<PThread::State*>(current);
     for (std::int64_t left = microseconds; left > 0; left = end - monotonicUs()) {
       if (s.isAsked()) return left;
-      sb::futexPause(s.asked, 0, left);
+      futexPause(s.asked, 0, left);
     }
     return 0;
   }

@@ -1,4 +1,4 @@
-#include "platform/linux/stream_buffer_futex.h"
+#include "platform/linux/futex.h"
 
 #include <linux/futex.h>
 #include <sys/syscall.h>
@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <climits>
 
-namespace sb {
 namespace {
 
 // How long a waiter may sleep without looking around: the wake of a killed process never comes, and
@@ -30,7 +29,7 @@ struct OldTimespec {
 
 // Not the private kind: the waiters may be in other processes. A relative limit runs on the
 // monotonic clock.
-void futexPause(Word& word, std::uint32_t expected, std::int64_t us) {
+void futexPause(std::atomic<std::uint32_t>& word, std::uint32_t expected, std::int64_t us) {
   if (us <= 0) return;
   auto* address = reinterpret_cast<std::uint32_t*>(&word);
   const std::int64_t seconds = us / kUsPerSecond;
@@ -52,13 +51,11 @@ void futexPause(Word& word, std::uint32_t expected, std::int64_t us) {
   syscall(SYS_futex, address, FUTEX_WAIT, expected, &time, nullptr, 0);
 }
 
-void futexWait(Word& word, std::uint32_t expected, long ms) {
+void futexWait(std::atomic<std::uint32_t>& word, std::uint32_t expected, long ms) {
   futexPause(word, expected, std::min(ms, kSliceMs) * kUsPerMs);
 }
 
-void futexWake(Word& word) {
+void futexWake(std::atomic<std::uint32_t>& word) {
   syscall(SYS_futex, reinterpret_cast<std::uint32_t*>(&word), FUTEX_WAKE, INT_MAX, nullptr, nullptr,
           0);
 }
-
-}  // namespace sb
