@@ -53,7 +53,8 @@ struct PThread::State {
   bool awaitEnd(std::int64_t deadlineUs);
   // Asks the body to end. Returns true iff none is inside.
   bool ask();
-  bool isAsked() const { return asked.load(std::memory_order_relaxed) != 0; }
+  // Whoever sees the request also sees that the body is not to run any more.
+  bool isAsked() const { return asked.load(std::memory_order_acquire) != 0; }
   // Logs, once, that the body was left behind.
   void leaveBehind();
 
