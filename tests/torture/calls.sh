@@ -139,11 +139,21 @@ drive() {
   [ -z "$hardware" ] || move_now_and_then
 }
 
+# trigger_anew: the event; events_are_built is true from when a rebuild comes to its end after this.
+trigger_anew() {
+  rm -f -- "$board/run/camera/io/input_used"
+  camctl trigger web1 >/dev/null 2>&1 || true
+}
+
+# works SAID: true iff the next event records, uploads, mails and sounds; says so where it does not, unless
+# SAID is "quiet".
 works() {
   local said=$1
   before_buzzer=$(count_events 520) before_recorded=$(recordings | wc -l) before_uploads=$(uploads | wc -l) before_mails=$(mails | wc -l)
-  camctl trigger web1 >/dev/null 2>&1 || true
+  trigger_anew
   all_is_done() {
+    # A rebuild that was asked for earlier has ended what was being delivered, as it is to do.
+    if events_are_built; then trigger_anew; fi
     undone=''
     recorded $((before_recorded + 1)) || undone+=' recording'
     [ "$(count_events 520)" -gt "$before_buzzer" ] || undone+=' buzzer'
@@ -151,7 +161,7 @@ works() {
     mailed $((before_mails + 1)) || undone+=' mail'
     [ -z "$undone" ]
   }
-  await $((8 * slow)) all_is_done || { [ "$said" = quiet ] || breach "the next event: no$undone"; return 1; }
+  await $((15 * slow)) all_is_done || { [ "$said" = quiet ] || breach "the next event: no$undone"; return 1; }
 }
 
 # no_events: a camera that has nothing to do but to capture, so that what it holds can be compared.

@@ -36,7 +36,7 @@ trial_exits() {
   if complains 'it does not end|the end is late|an end out of order'; then
     broken "$promised" "$tried" "$(complaints 'it does not end|the end is late|an end out of order')"
   else
-    held "$promised" "$tried" "at most $(largest_of exit-most-ms) ms; $(sum_of exits-by-the-watchdog) by the watchdog, with hardware that was dead, hung or failing"
+    held "$promised" "$tried" "$(untried "$(sum_of exits)" ends)at most $(largest_of exit-most-ms) ms; $(sum_of exits-by-the-watchdog) by the watchdog, with hardware that was dead, hung or failing"
   fi
   if complains 'an output'; then
     broken "$exits_promise: outputs off" "$tried" "$(complaints 'an output')"
@@ -46,6 +46,6 @@ trial_exits() {
   if complains 'a film|a picture|an earlier|the event log'; then
     broken "$exits_promise: files closed" "$tried" "$(complaints 'a film|a picture|an earlier|the event log')"
   else
-    held "$exits_promise: files closed" "$tried" "$(sum_of films) films and $(sum_of pictures) pictures, $(sum_of event-lines) event lines"
+    held "$exits_promise: files closed" "$tried" "$(untried "$(sum_of films)" films "$(sum_of pictures)" pictures)$(sum_of films) films and $(sum_of pictures) pictures, $(sum_of event-lines) event lines"
   fi
 }

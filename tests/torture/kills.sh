@@ -19,8 +19,14 @@ beside() {
 }
 beside=()
 
+# killed NAME: how many processes what ran beside has killed.
+killed() { cat "$work/killed-$1" 2>/dev/null || echo 0; }
+
 # outcome NAME: of what ran beside.
-outcome() { grep '^FAILED' "$work/$1.said" || echo "frames go on, and it delivers again after each"; }
+outcome() {
+  grep '^FAILED' "$work/$1.said" ||
+    echo "$(untried "$(killed "$1")" kills)frames go on, and it delivers again after each"
+}
 
 frames_go_on() {
   local before
@@ -42,23 +48,36 @@ judge_lives() {
     broken "$kills_promise: first picture at most 1 s after restart" "$tried" "$(complaints 'the first picture')"
   else
     [ "$late" -eq 0 ] || pace="$pace; the $late after 1 s by the machine"
-    held "$kills_promise: first picture at most 1 s after restart" "$tried" "$pace"
+    held "$kills_promise: first picture at most 1 s after restart" "$tried" "$(untried "$firsts" 'first pictures')$pace"
   fi
   if complains "$kinds"; then
     broken "$kills_promise: readers see whole frames only" "$tried" "$(complaints "$kinds")"
   else
-    held "$kills_promise: readers see whole frames only" "$tried" "$(sum_of frames) frames judged across all restarts, no bad one"
+    held "$kills_promise: readers see whole frames only" "$tried" \
+      "$(untried "$(sum_of frames)" frames "$(sum_of kills-of-readers)" 'kills of readers')$(sum_of frames) frames judged across all restarts, no bad one"
   fi
   kinds='a film|a picture|one kill|an earlier|the event log'
   if complains "$kinds"; then
     broken "$kills_promise: no file damaged" "$tried" "$(complaints "$kinds")"
   else
     held "$kills_promise: no file damaged" "$tried" \
-      "$(sum_of films) films (up to $(largest_of film-lag-ms) ms ahead of the kill, all repaired), $(sum_of pictures) pictures ($(sum_of pictures-cut) that was being written cut), $(sum_of event-lines) event lines, $(sum_of files-seen-again) older files as they were"
+      "$(untried "$(sum_of films)" films "$(sum_of pictures)" pictures)$(sum_of films) films (up to $(largest_of film-lag-ms) ms ahead of the kill, all repaired), $(sum_of pictures) pictures ($(sum_of pictures-cut) that was being written cut), $(sum_of event-lines) event lines, $(sum_of files-seen-again) older files as they were"
   fi
   if complains 'the daemon|the hardware'; then
     broken "$kills_promise" "$tried" "$(complaints 'the daemon|the hardware')"
   fi
+}
+
+# judge_besides: what ran beside, when it has ended.
+judge_besides() {
+  local code=0
+  wait "${beside[0]}" || code=$?
+  judge [ $code -eq 0 ] -- "$kills_promise: peers" "$(killed deliveries) kills of servers for FTP and mail" \
+    "$(outcome deliveries)"
+  code=0
+  wait "${beside[1]}" || code=$?
+  judge [ $code -eq 0 ] -- "$kills_promise: peers" "$(killed share) kills of the share's server, its helper and guard" \
+    "$(outcome share)"
 }
 
 trial_kills() {
@@ -73,10 +92,7 @@ trial_kills() {
   lives_on k310 --model K310 --films --for $time
   end_lives
   judge_lives $boards
+  judge_besides
   judge await 10 nothing_is_left -- "$kills_promise: no leftovers" "the same" "$(left_in_boards | head -n 3 | tr '\n' ';') in $boards boards"
-  judge wait "${beside[0]}" -- "$kills_promise: peers" "$(cat "$work/killed-deliveries" 2>/dev/null || echo 0) kills of servers for FTP and mail" \
-    "$(outcome deliveries)"
-  judge wait "${beside[1]}" -- "$kills_promise: peers" "$(cat "$work/killed-share" 2>/dev/null || echo 0) kills of the share's server, its helper and guard" \
-    "$(outcome share)"
   tail -n 5 "$work"/*.said
 }

@@ -17,7 +17,7 @@ kill_deliveries() {
   eventually 20 events_are_built
   both_arrive
   local kind killed=0
-  while time_is_left 30; do
+  while time_is_left 30 || [ $killed -lt 3 ]; do
     kind=$([ $((RANDOM % 2)) -eq 0 ] && echo ftp || echo mail)
     sleep "0.$((RANDOM % 900 + 100))"
     kill -KILL "${server[$kind]}"

@@ -25,7 +25,7 @@ kill_share() {
   start_recorder server K310
   is_mounted || mount_again 'at first'
   local killed=0 victims
-  while time_is_left 40; do
+  while time_is_left 40 || [ $killed -lt 2 ]; do
     record
     sleep "0.$((RANDOM % 900 + 100))"
     victims=()
