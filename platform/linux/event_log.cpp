@@ -29,15 +29,13 @@ int openFile(const std::string& path) {
 }
 
 // Returns the event log's descriptor, with room for `length` more bytes; -1 with `errno` otherwise.
-// `*size`: receives the file's size, -1 when that can't be told.
-int openForLine(std::size_t length, off_t* size) {
+int openForLine(std::size_t length) {
   const std::string path = rooted(kFile);
   if (!makeFolders(rooted(kFolder))) return -1;
   for (int attempt = 0; attempt < 2; ++attempt) {
     const int fd = openFile(path);
     struct stat file {};
-    if (fd < 0) return fd;
-    *size = fstat(fd, &file) == 0 ? file.st_size : -1;
+    if (fd < 0 || fstat(fd, &file) != 0) return fd;
     if (file.st_size + static_cast<off_t>(length) <= kLargest) return fd;
     close(fd);
     if (rename(path.c_str(), (path + ".1").c_str()) != 0) return -1;
@@ -48,14 +46,13 @@ int openForLine(std::size_t length, off_t* size) {
 
 // Appends `line` in one write. Returns 0 or the error number.
 int append(const char* line, std::size_t length) {
-  off_t size = 0;
-  const int fd = openForLine(length, &size);
+  const int fd = openForLine(length);
   if (fd < 0) return errno;
   const ssize_t written = write(fd, line, length);
   int error = written < 0 ? errno : 0;
   if (written >= 0 && static_cast<std::size_t>(written) < length) {
-    // Half a line would spoil the next one as well.
-    error = size < 0 || ftruncate(fd, size) == 0 ? ENOSPC : errno;
+    // Half a line would spoil the next one as well. The descriptor stands behind what was written.
+    error = ftruncate(fd, lseek(fd, 0, SEEK_CUR) - written) == 0 ? ENOSPC : errno;
   }
   close(fd);
   return error;
