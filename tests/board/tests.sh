@@ -44,3 +44,12 @@ test_the_end_of_a_daemon_is_told() {
   see_daemon
   expect "$daemon_state" 'ended with status 0' "after an end in order"
 }
+
+# A sanitizer's runtime, which a daemon with drivers is preloaded with, found leaks in the programs of the
+# commands that the daemon runs. What can't be preloaded says so in each program that it comes into.
+test_what_is_preloaded_stays_out_of_commands_that_a_board_pretends_to_have() {
+  once_is_enough
+  "$root/board/enter" "$board" env LD_PRELOAD=/nowhere.so /sbin/boardlog rtchk 2>"$work/said"
+  expect "$(grep -c 'nowhere.so' "$work/said")" 1 "programs that have it"
+  grep -q rtchk "$board/var/log/camera/board.log" || fail "it does not write down that it was called"
+}
