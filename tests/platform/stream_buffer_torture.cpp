@@ -111,6 +111,7 @@ TEST_F(StreamBufferTorture, KilledSettersLeaveEachSlotWholeAndItsMarkRight) {
   int tested = sbTestUserdata(sbVideo(), 1);
   for (int i = 0; i < kills; ++i) {
     const int start = sbGetUserdata(sbVideo(), 1);
+    shared[0] = 0;
     Child setter([&shared, start]() -> int {
       for (int value = start + 1;; ++value) {
         sbSetUserdata(sbVideo(), 1, value);
@@ -119,7 +120,6 @@ TEST_F(StreamBufferTorture, KilledSettersLeaveEachSlotWholeAndItsMarkRight) {
       }
     });
     ASSERT_TRUE(eventually([&] { return shared[0] == 1; }));
-    shared[0] = 0;
     const auto spins = static_cast<int>(random() % 2000);
     for (int spin = 0; spin < spins; ++spin) {
       const int value = sbTestUserdata(sbVideo(), 1);
