@@ -75,14 +75,15 @@ grows() {
 judge_life() {
   local kib bytes fds threads life seen verdict=held
   life=$(life_of "$1")
+  # What is told by a few looks, or by some minutes, is told by chance, and no verdict.
+  seen=$((life < 300 || $(wc -l <"$1") < 16 ? 0 : 1))
   # Pages come by fours of KiB, and a heap's upper end moves by more of them: a life of less than a day is
   # judged by what it has gained, not by what a day would at that rate. What is in use is exact.
   if grows "$1" 2 1024 "$allowed"; then verdict=broken; fi
   if grows "$1" 3 1 512; then verdict=broken; fi
   if grows "$1" 5 "$allowed" 0 || grows "$1" 6 "$allowed" 0; then verdict=broken; fi
+  [ $seen -eq 1 ] || verdict=held
   kib=$(trend "$1" 2) bytes=$(trend "$1" 3) fds=$(trend "$1" 5) threads=$(trend "$1" 6)
-  # What is told by a few looks, or by some minutes, is told by chance.
-  seen=$((life < 300 || $(wc -l <"$1") < 16 ? 0 : 1))
   $verdict "memory is bounded" "$2" "$(untried $seen "life that is long enough to see a trend")private memory ${kib#* } KiB (least and most of 8 parts, $((${kib%% *})) KiB a day), in use ${bytes%% *} bytes a day, descriptors ${fds#* }, threads ${threads#* }"
 }
 
