@@ -78,8 +78,9 @@ judge_life() {
   # What is told by a few looks, or by some minutes, is told by chance, and no verdict.
   seen=$((life < 300 || $(wc -l <"$1") < 16 ? 0 : 1))
   # Pages come by fours of KiB, and a heap's upper end moves by more of them: a life of less than a day is
-  # judged by what it has gained, not by what a day would at that rate. What is in use is exact.
-  if grows "$1" 2 1024 "$allowed"; then verdict=broken; fi
+  # judged by what it has gained, not by what a day would at that rate, and one of less than an hour by what
+  # is in use alone, which is exact.
+  if grows "$1" 2 1024 "$allowed" && [ "$life" -ge 3600 ]; then verdict=broken; fi
   if grows "$1" 3 1 512; then verdict=broken; fi
   if grows "$1" 5 "$allowed" 0 || grows "$1" 6 "$allowed" 0; then verdict=broken; fi
   [ $seen -eq 1 ] || verdict=held
