@@ -1,6 +1,6 @@
 # Compiler options and the two ways to add a target: vs_library() for a layer, vs_test() for tests.
 
-option(VS_UNIT_TESTS "build the unit tests" ON)
+set(VS_TEST_LABELS unit platform plain CACHE STRING "the labels of GoogleTest programs to build")
 option(VS_DAEMON "build what needs third-party libraries: the daemon, camctl, board tests" ON)
 set(VS_SANITIZE "" CACHE STRING "value of -fsanitize, empty for none")
 option(VS_COVERAGE "count which lines of the daemon run: see scripts/coverage" OFF)
@@ -69,7 +69,7 @@ if(VS_SANITIZE)
   list(APPEND VS_TEST_OPTIONS -fno-sanitize=undefined)
 endif()
 
-# vs_test(NAME SOURCES file... LINKS library... [LABELS label...] [SHARDS number] [TIMEOUT seconds]
+# vs_test(NAME SOURCES file... LINKS library... LABELS label [SHARDS number] [TIMEOUT seconds]
 # [ONE_THREAD]): a GoogleTest program. It is run whole, because starting a process for each of its cases
 # costs more than the cases, or in that many parts, which run side by side. What each case came to stands
 # in cases/ of the build. ONE_THREAD: neither the test nor what it tests has a second one, so that it is
@@ -89,7 +89,7 @@ function(vs_test name)
   target_compile_options(${name} PRIVATE ${VS_TEST_OPTIONS})
   # The headers of the test framework and the heaviest of the library's are read once per build.
   target_precompile_headers(${name} REUSE_FROM test_headers)
-  if(TEST_ONE_THREAD AND VS_SANITIZE STREQUAL "thread")
+  if(NOT TEST_LABELS IN_LIST VS_TEST_LABELS OR (TEST_ONE_THREAD AND VS_SANITIZE STREQUAL "thread"))
     set_property(TARGET ${name} PROPERTY EXCLUDE_FROM_ALL ON)
     return()
   endif()
