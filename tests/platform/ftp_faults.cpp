@@ -31,8 +31,9 @@ class FtpFaults : public FtpTest {
   }
 };
 
-constexpr std::uint32_t kSoonMs = 200 * kSlow;  // after being asked to stop
-constexpr std::uint32_t kLookMs = 1000;         // between two looks of libcurl in a wait of its own
+// After being asked to stop: libcurl looks up once a second at the latest.
+constexpr std::uint32_t kSoonMs = 1000 + 200 * kSlow;
+constexpr std::uint32_t kLookMs = 1000;  // between two looks of libcurl in a wait of its own
 constexpr std::uint32_t kInTimeMs =
     900 * kSlow;  // with limits of 300 ms, on a machine that is busy
 
