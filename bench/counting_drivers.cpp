@@ -13,6 +13,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "board/drivers/libc.h"
+
 namespace {
 
 constexpr char kFile[] = "/tmp/copies";
@@ -52,8 +54,6 @@ __attribute__((constructor)) void begin() {
 }
 
 }  // namespace
-
-#define ANSWERS(symbol) __asm__(symbol) __attribute__((visibility("default")))
 
 extern "C" {
 

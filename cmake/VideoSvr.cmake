@@ -1,6 +1,7 @@
-# Compiler options and the two ways to add a target: vs_library() for a layer, vs_test() for tests.
+# Compiler options and the three ways to add a target: vs_library() for a layer, vs_preload() for what answers
+# calls of the C library in its place, vs_test() for tests.
 
-set(VS_TEST_LABELS unit platform plain CACHE STRING "the labels of GoogleTest programs to build")
+set(VS_TEST_LABELS unit platform stress plain CACHE STRING "the labels of GoogleTest programs to build")
 option(VS_DAEMON "build what needs third-party libraries: the daemon, camctl, board tests" ON)
 set(VS_SANITIZE "" CACHE STRING "value of -fsanitize, empty for none")
 option(VS_COVERAGE "count which lines of the daemon run: see scripts/coverage" OFF)
@@ -62,6 +63,24 @@ function(vs_library name)
     target_link_libraries(linkcheck_${name} PRIVATE ${LIB_LINKS} platform_linux)
     add_dependencies(linkcheck_${name} ${name})
   endif()
+endfunction()
+
+# vs_preload(NAME SOURCES file... [OPTIONS option...] [DRIVERS]): a library to be preloaded into any program,
+# whatever that is linked with and sanitized by, so it needs the C library alone. DRIVERS: it also answers
+# for the board's device nodes.
+function(vs_preload name)
+  cmake_parse_arguments(PRELOAD "DRIVERS" "" "SOURCES;OPTIONS" ${ARGN})
+  if(PRELOAD_DRIVERS)
+    set(drivers connection.cpp open_nodes.cpp preload.cpp)
+    list(TRANSFORM drivers PREPEND ${PROJECT_SOURCE_DIR}/board/drivers/)
+    list(APPEND PRELOAD_SOURCES ${drivers} ${PROJECT_SOURCE_DIR}/platform/linux/unix_address.cpp)
+  endif()
+  add_library(${name} MODULE ${PRELOAD_SOURCES})
+  target_link_libraries(${name} PRIVATE platform)
+  target_compile_options(${name} PRIVATE -fno-sanitize=all -fno-exceptions -fno-rtti -fvisibility=hidden
+                                         ${PRELOAD_OPTIONS})
+  target_link_options(${name} PRIVATE -fno-sanitize=all -static-libgcc LINKER:--as-needed,--no-undefined)
+  set_target_properties(${name} PROPERTIES PREFIX lib)
 endfunction()
 
 set(VS_TEST_OPTIONS -O0 -U_FORTIFY_SOURCE)  # fortified calls want optimising

@@ -1,9 +1,13 @@
-// The calls of the C library behind those that this library answers.
+// What is preloaded answers calls of the C library in its place, and makes those behind them.
 #pragma once
 
 #include <dlfcn.h>
 
 #include <atomic>
+
+// After a declaration: it is what the program calls by that name, and the only kind of symbol to be
+// seen.
+#define ANSWERS(symbol) __asm__(symbol) __attribute__((visibility("default")))
 
 // One call of the libraries that come after this one, looked up when it is first needed. That may
 // happen on any thread, and on several at once: all of them find the same.

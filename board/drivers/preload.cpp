@@ -20,8 +20,6 @@
 #include "board/drivers/open_nodes.h"
 #include "board/drivers/requests.h"
 
-#define ANSWERS(symbol) __asm__(symbol) __attribute__((visibility("default")))
-
 namespace {
 
 using Open = int(const char*, int, ...);

@@ -30,8 +30,6 @@
 #include "board/drivers/libc.h"
 #include "tests/torture/calls/injector.h"
 
-#define ANSWERS(symbol) __asm__(symbol) __attribute__((visibility("default")))
-
 namespace {
 
 constexpr Faults operator|(Faults faults, Fault fault) { return faults | bit(fault); }

@@ -31,6 +31,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "board/drivers/libc.h"
+
 namespace {
 
 constexpr char kFile[] = "/tmp/clock";
@@ -305,8 +307,6 @@ int await(pollfd* fds, nfds_t count, std::int64_t ns, const sigset_t* mask) {
 }
 
 }  // namespace
-
-#define ANSWERS(symbol) __asm__(symbol) __attribute__((visibility("default")))
 
 extern "C" {
 

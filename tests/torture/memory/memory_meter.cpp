@@ -12,6 +12,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "board/drivers/libc.h"
+
 namespace {
 
 constexpr char kFile[] = "/tmp/memory";
@@ -59,8 +61,6 @@ __attribute__((constructor)) void begin() {
 }
 
 }  // namespace
-
-#define ANSWERS(symbol) __asm__(symbol) __attribute__((visibility("default")))
 
 extern "C" {
 
