@@ -62,7 +62,8 @@ bool justChanged(const Identity& identity) {
   return std::abs(seconds * 1000000000 + now.tv_nsec - identity.changed.tv_nsec) < kStampNs;
 }
 
-// Reads the whole regular file. Returns false on any failure.
+// Reads the whole regular file. Returns false on any failure, and when there was less of it than
+// its size: who writes it is not done.
 bool readFile(const char* path, Identity* identity, std::string* text) {
   const int fd = os::open(path, O_RDONLY | O_NONBLOCK);
   if (fd < 0) return false;
@@ -76,7 +77,7 @@ bool readFile(const char* path, Identity* identity, std::string* text) {
     good = text->size() <= kLongestFile;
   }
   os::close(fd);
-  return good && length == 0;
+  return good && length == 0 && text->size() >= static_cast<std::size_t>(status.st_size);
 }
 
 // The files read last. Guarded by its mutex.

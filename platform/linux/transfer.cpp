@@ -1,5 +1,6 @@
 #include "platform/linux/transfer.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -58,6 +59,7 @@ void Transfer::setOptions() {
   curl_easy_setopt(easy_, CURLOPT_XFERINFODATA, this);
   curl_easy_setopt(easy_, CURLOPT_OPENSOCKETFUNCTION, onOpen);
   curl_easy_setopt(easy_, CURLOPT_OPENSOCKETDATA, this);
+  curl_easy_setopt(easy_, CURLOPT_SOCKOPTFUNCTION, onReady);
   curl_easy_setopt(easy_, CURLOPT_CLOSESOCKETFUNCTION, onClose);
   curl_easy_setopt(easy_, CURLOPT_CLOSESOCKETDATA, this);
 }
@@ -129,6 +131,13 @@ curl_socket_t Transfer::onOpen(void* self, curlsocktype, curl_sockaddr* address)
   const std::lock_guard<std::mutex> lock(me.socketsMutex_);
   if (fd >= 0) me.sockets_.push_back(fd);
   return fd;
+}
+
+// libcurl does this too, but goes on when it fails, and then waits without looking up.
+int Transfer::onReady(void* /*self*/, curl_socket_t socket, curlsocktype) {
+  const int flags = fcntl(socket, F_GETFL);
+  const bool done = flags >= 0 && fcntl(socket, F_SETFL, flags | O_NONBLOCK) == 0;
+  return done ? CURL_SOCKOPT_OK : CURL_SOCKOPT_ERROR;
 }
 
 int Transfer::onClose(void* self, curl_socket_t socket) {

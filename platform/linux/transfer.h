@@ -62,6 +62,7 @@ class Transfer {
  private:
   static int onProgress(void* self, curl_off_t, curl_off_t, curl_off_t, curl_off_t);
   static curl_socket_t onOpen(void* self, curlsocktype purpose, curl_sockaddr* address);
+  static int onReady(void* self, curl_socket_t socket, curlsocktype purpose);
   static int onClose(void* self, curl_socket_t socket);
   void setOptions();
   CURLcode drive();

@@ -22,6 +22,7 @@ namespace {
 // So many of the next calls fail for want of memory.
 int failingOpens = 0;
 int failingStats = 0;
+int emptyReads = 0;  // so many of the next come to the end at once
 
 bool fails(int* failures) {
   if (*failures == 0) return false;
@@ -37,12 +38,17 @@ int __real_open64(const char* path, int flags, unsigned mode);
 int __wrap_open64(const char* path, int flags, unsigned mode);
 int __real_stat64(const char* path, void* status);
 int __wrap_stat64(const char* path, void* status);
+ssize_t __real_read(int fd, void* buffer, std::size_t size);
+ssize_t __wrap_read(int fd, void* buffer, std::size_t size);
 
 int __wrap_open64(const char* path, int flags, unsigned mode) {
   return fails(&failingOpens) ? -1 : __real_open64(path, flags, mode);
 }
 int __wrap_stat64(const char* path, void* status) {
   return fails(&failingStats) ? -1 : __real_stat64(path, status);
+}
+ssize_t __wrap_read(int fd, void* buffer, std::size_t size) {
+  return fails(&emptyReads) ? 0 : __real_read(fd, buffer, size);
 }
 }
 
@@ -266,7 +272,7 @@ TEST_F(IniFile, AFileThatCouldNotBeReadIsReadLaterThoughItHasNotChanged) {
 
 TEST_F(IniFile, AnErrorThatComesOnceIsNotSeen) {
   write("[1]\na=556\n");
-  for (int* const failures : {&failingOpens, &failingStats}) {
+  for (int* const failures : {&failingOpens, &failingStats, &emptyReads}) {
     write("[1]\na=556\n");  // to be read anew
     *failures = 2;
     EXPECT_EQ(getIniInt(kFile, "1", "a", 7), 556);

@@ -1,8 +1,11 @@
 // Servers that refuse, hang and vanish.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <malloc.h>
 
+#include <cerrno>
+#include <cstdarg>
 #include <filesystem>
 #include <thread>
 
@@ -11,6 +14,25 @@
 #include "tests/platform/fault_rounds.h"
 #include "tests/platform/mail_fixture.h"
 #include "tests/platform/thread_body.h"
+
+namespace {
+bool setsFlags = true;  // for libcurl
+}
+
+extern "C" {
+int fcntlForLibraries(int fd, int command, ...) __asm__("fcntl");
+
+// Ours has another name, as files may be large.
+int fcntlForLibraries(int fd, int command, ...) {
+  va_list arguments;
+  va_start(arguments, command);
+  void* const argument = va_arg(arguments, void*);
+  va_end(arguments);
+  if (command != F_SETFL || setsFlags) return fcntl(fd, command, argument);
+  errno = ENOMEM;
+  return -1;
+}
+}
 
 namespace {
 
@@ -146,6 +168,18 @@ TEST_F(MailFaults, EndWhenTheThreadIsAskedToStop) {
   EXPECT_LT(stopTime(info_, [&] { return timesIn(commands(), "DATA") == 1; }), kStopMs);
   EXPECT_TRUE(log_.waitFor("2 mail: 127.0.0.1: asked to stop"));
   EXPECT_EQ(mails(), 0);
+}
+
+// It goes on when it can't, and would wait for ever in calls that do not look up.
+TEST_F(MailFaults, SocketsThatLibcurlFailsToMakeNonBlockingHoldNobody) {
+  const auto files = certificate();
+  configure("[Mail]\nVerify=0\n");
+  serve({"--tls", files[0], files[1]});
+  info_.security = kMailTls;
+  setsFlags = false;
+  EXPECT_EQ(send(), "");
+  setsFlags = true;
+  EXPECT_EQ(mails(), 1);
 }
 
 // Half a mail must not end like a whole one.
