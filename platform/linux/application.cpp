@@ -1,5 +1,6 @@
 #include "platform/application.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <malloc.h>
 #include <signal.h>
@@ -78,6 +79,24 @@ void shareHeap() {
   if (std::getenv("MALLOC_ARENA_MAX") == nullptr) mallopt(M_ARENA_MAX, 1);
 }
 
+// Of this process; 0 when that can't be told.
+long threads() {
+  DIR* const all = opendir("/proc/self/task");
+  if (all == nullptr) return 0;
+  long count = 0;
+  while (const dirent* const one = readdir(all)) count += one->d_name[0] != '.';
+  closedir(all);
+  return count;
+}
+
+// A thread whose body has returned is on its way out, and libraries free what they keep for it. The
+// end of the process frees what they keep for all: the two must not meet.
+void awaitThreads(long others) {
+  constexpr int kLooks = 100;
+  constexpr useconds_t kLookUs = 1000;
+  for (int looks = 0; looks < kLooks && threads() > others; ++looks) usleep(kLookUs);
+}
+
 int runHooks(TApplication& application) {
   if (!application.onInitial()) return 1;
   const bool ran = application.onRunning();
@@ -112,12 +131,16 @@ int TApplication::main(int count, char** values) {
     logEx(3, "can't watch over the shutdown: %s", std::strerror(errno));
     return 1;
   }
+  const long others = threads();
   ThreadAccess::adoptMain(stopFd);
   armSignals();
   // Without arguments a daemon only shows its usage; that must not leave shared memory behind.
   if (count > 1) sbOwnSegments();
   const int status = runHooks(*theApplication);
-  if (ThreadAccess::endAll()) return status;
+  if (ThreadAccess::endAll()) {
+    awaitThreads(others);
+    return status;
+  }
   // Static objects must not be destroyed under the bodies that are still at work.
   std::fflush(stdout);
   free_log();

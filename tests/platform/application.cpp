@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <malloc.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -436,6 +437,26 @@ TEST(Application, BodiesThatNobodyEndedAreEndedBeforeStaticDestructors) {
   });
   EXPECT_EQ(child.wait(), 0);
   EXPECT_THAT(child.output(), HasSubstr("release\nended\ndestroyed\n"));
+}
+
+TEST(Application, ThreadsOnTheirWayOutAreGoneBeforeStaticDestructors) {
+  Child child([] {
+    std::atexit(sayDestroyed);
+    static TestApplication application;
+    static pthread_key_t key;
+    pthread_key_create(&key, [](void*) {
+      os::usleep(20000);
+      say("gone");
+    });
+    static Body body([](Body&) { pthread_setspecific(key, &key); });
+    application.running = [] {
+      body.run();
+      return body.stop(true);
+    };
+    return runWith(application);
+  });
+  EXPECT_EQ(child.wait(), 0);
+  EXPECT_THAT(child.output(), HasSubstr("release\ngone\ndestroyed\n"));
 }
 
 TEST(Application, UnreadLogDoesNotSaveAStuckProcess) {

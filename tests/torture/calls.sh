@@ -212,6 +212,8 @@ live() {
   if is_gone "$daemon"; then
     breach "the camera is dead"
   else
+    # A header that could not be fetched waits for the next change of the picture.
+    [ -z "$hardware" ] || camctl set resolution 8
     if ! works say; then
       camctl reload
       works quiet || breach "not even after a reload:$undone"
