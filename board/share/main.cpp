@@ -79,19 +79,23 @@ int readFolder(const char* path, void* list, fuse_fill_dir_t add, off_t, fuse_fi
 // What libsmbclient knows of the flags; positions come with every write.
 int known(int flags) { return flags & (O_ACCMODE | O_CREAT | O_EXCL | O_TRUNC); }
 
-int create(const char* path, mode_t, fuse_file_info* file) {
-  const int fd =
-      status(smbc_open(share().url(path).c_str(), known(file->flags) | O_CREAT, kFileMode));
+// Whoever starts a command closes its descriptors in the new process first. That must not wait for
+// a server that hangs in a write, and need not: what is written is on the server.
+int opened(int fd, fuse_file_info* file) {
   if (fd < 0) return fd;
   file->fh = static_cast<std::uint64_t>(fd);
+  file->noflush = 1;
   return 0;
 }
 
+int create(const char* path, mode_t, fuse_file_info* file) {
+  const int flags = known(file->flags) | O_CREAT;
+  return opened(status(smbc_open(share().url(path).c_str(), flags, kFileMode)), file);
+}
+
 int open(const char* path, fuse_file_info* file) {
-  const int fd = status(smbc_open(share().url(path).c_str(), known(file->flags) & ~O_CREAT, 0));
-  if (fd < 0) return fd;
-  file->fh = static_cast<std::uint64_t>(fd);
-  return 0;
+  const int flags = known(file->flags) & ~O_CREAT;
+  return opened(status(smbc_open(share().url(path).c_str(), flags, 0)), file);
 }
 
 int read(const char*, char* data, std::size_t size, off_t place, fuse_file_info* file) {

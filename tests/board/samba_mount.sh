@@ -206,6 +206,37 @@ test_a_server_that_hangs() {
   stop_server
 }
 
+# The descriptors that a command inherits are closed before it begins.
+test_a_server_that_hangs_holds_no_command() {
+  needs_a_share
+  start_server
+  share_is
+  open_box
+  mount_share
+  cat >"$board/tmp/command" <<END
+import os, signal, subprocess, threading, time
+def write():
+    try: os.write(film, b"x")
+    except OSError: pass
+film = os.open("/smb/a", os.O_WRONLY | os.O_CREAT)  # a shell would close another descriptor of it
+os.kill($server, signal.SIGUSR1)
+time.sleep(0.5)
+begun = time.monotonic()
+writing = threading.Thread(target=write)
+writing.start()
+time.sleep(0.5)
+subprocess.run(["true"])
+command = time.monotonic() - begun
+writing.join()
+print(int(command * 1000), int((time.monotonic() - begun) * 1000))
+END
+  read -r command writing < <(in_box 'python3 /tmp/command')
+  [ "$writing" -gt 2000 ] || fail "nothing hangs, $writing ms"
+  [ "$command" -lt 1500 ] || fail "a command is held for $command ms"
+  kill -USR2 "$server"
+  stop_server
+}
+
 test_a_server_that_is_killed_and_comes_back() {
   needs_a_share
   start_server
