@@ -127,7 +127,8 @@ void Recordings::judgeCutFilm(const std::string& path, const End& end) {
   const AviReport seen = checkAvi(path, true);
   if (!seen.good()) report_->broken("a film that was cut", path + ": " + seen.text());
   if (seen.pictures.empty()) return;
-  if (seen.counted > 0 && seen.counted <= seen.pictures.size()) {
+  // One that was closed, when its events were built anew, may be as old as it likes.
+  if (seen.cut && seen.counted > 0 && seen.counted <= seen.pictures.size()) {
     const long lag = watch_->behind(bytesOf(path, seen.pictures[seen.counted - 1]));
     report_->most("film-lag-ms", lag);
     report_->count(lag < 0 ? "films-unplaced" : "films-placed");
