@@ -190,6 +190,20 @@ double CameraLife::patience(double begun) const {
   return waited;
 }
 
+// For whoever looks for the reason.
+void CameraLife::sayWhatItDoes() const {
+  constexpr std::size_t kSome = 2000;
+  const std::string log = contentOf(kLog);
+  std::printf("no picture %s, %s\n%s\n", options_.model.c_str(), contentOf(kConfig).c_str(),
+              log.substr(log.size() > kSome ? log.size() - kSome : 0).c_str());
+  std::error_code error;
+  const std::string tasks = "/proc/" + std::to_string(daemon_) + "/task";
+  for (const auto& one : std::filesystem::directory_iterator(tasks, error)) {
+    const std::string task = one.path().string();
+    std::printf("%s%s\n", contentOf(task + "/comm").c_str(), contentOf(task + "/stack").c_str());
+  }
+}
+
 void CameraLife::awaitFirstPicture() {
   double first = watch_.firstAfter(begunWallUs_);
   // A life that ends earlier says nothing about it.
@@ -205,6 +219,7 @@ void CameraLife::awaitFirstPicture() {
   report_->most("first-picture-most-ms", static_cast<long>(took));
   if (took <= kFirstPictureMs) return;
   const double waited = patience(begun_);
+  if (first == 0) sayWhatItDoes();
   report_->count("first-pictures-late");
   std::printf("first picture after %.0f ms, of which the machine had %.0f\n", took, waited);
   if (took - waited > kFirstPictureMs)

@@ -58,6 +58,7 @@ class CameraLife {
   void something();      // lets one thing happen
   void replaceReaders();
   void awaitFirstPicture();
+  void sayWhatItDoes() const;
   void killIt();
   void endIt();
   void judgeEnd(double begun, int status);
