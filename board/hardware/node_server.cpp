@@ -1,5 +1,6 @@
 #include "board/hardware/node_server.h"
 
+#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -29,6 +30,11 @@ bool receiveCall(int fd, Call* call, std::vector<char>* bytes) {
   if (!receiveAll(fd, call, sizeof *call) || call->size > kMostBytes) return false;
   bytes->resize(call->size);
   return receiveAll(fd, bytes->data(), bytes->size());
+}
+
+bool hasGone(int fd) {
+  pollfd peer{fd, 0, 0};
+  return poll(&peer, 1, 0) != 0;
 }
 
 bool sendReply(int fd, int result, const std::vector<char>& bytes) {
@@ -146,8 +152,11 @@ void NodeServer::serve(Connection* connection) {
   bool going = receiveCall(connection->fd, &call, &bytes) &&
                call.kind == static_cast<std::uint32_t>(CallKind::kOpen) &&
                answerOpen(connection, bytes);
+  // What a process asked for before it was killed must not reach the chip behind its successor's
+  // calls.
   while (going) {
-    going = receiveCall(connection->fd, &call, &bytes) && answer(connection, call, &bytes);
+    going = receiveCall(connection->fd, &call, &bytes) && !hasGone(connection->fd) &&
+            answer(connection, call, &bytes);
   }
   end(connection);
 }

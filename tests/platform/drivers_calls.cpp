@@ -14,6 +14,9 @@
 #include <filesystem>
 #include <thread>
 
+#include "board/drivers/protocol.h"
+#include "platform/linux/unix_address.h"
+#include "platform/mpg430.h"
 #include "tests/platform/drivers_fixture.h"
 
 // The names that a program may have for one call, whatever its headers make of them.
@@ -510,6 +513,33 @@ TEST_F(DriverCalls, HardwareThatEndsDuringAReadIsAnInputError) {
   EXPECT_EQ(errno, EIO);
   EXPECT_EQ(fcntl(fd, F_SETOWN, getpid()), 0);
   close(fd);
+}
+
+// Appends a call of the drivers, with its bytes, as it goes over the connection.
+void append(std::string* calls, CallKind kind, unsigned word, const std::string& bytes) {
+  const Call call{static_cast<std::uint32_t>(kind), word, static_cast<std::uint32_t>(bytes.size())};
+  calls->append(reinterpret_cast<const char*>(&call), sizeof call).append(bytes);
+}
+
+// A killed camera's last word, to stop the encoder, must not come behind its successor's first.
+TEST_F(DriverCalls, WhatAProcessAskedForReachesNoChipAfterItsEnd) {
+  std::string open;
+  append(&open, CallKind::kOpen, 0, kEncoderPath);
+  std::string calls;
+  for (int n = 0; n < 5000; ++n) append(&calls, CallKind::kOwner, 0, "");  // are not answered
+  append(&calls, CallKind::kIoctl, kMpg430StreamStart, std::string(4, '\0'));
+  UnixAddress address{};
+  ASSERT_TRUE(address.set(socketPath().c_str()));
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ASSERT_EQ(connect(fd, address.get(), address.size()), 0);
+  address.clear();
+  ASSERT_EQ(send(fd, open.data(), open.size(), 0), static_cast<ssize_t>(open.size()));
+  Reply opened{};
+  ASSERT_EQ(recv(fd, &opened, sizeof opened, MSG_WAITALL), static_cast<ssize_t>(sizeof opened));
+  ASSERT_EQ(send(fd, calls.data(), calls.size(), 0), static_cast<ssize_t>(calls.size()));
+  close(fd);
+  EXPECT_TRUE(eventually([&] { return encoder_.timesClosed() == 1; }));
+  EXPECT_EQ(encoder_.calls(), 0U);
 }
 
 std::atomic<int> signals{0};
