@@ -75,11 +75,20 @@ void CameraLife::startSocmond() {
 void CameraLife::startHardware() {
   unlink(kHardwareSocket);
   hardware_ = start({"/home/hardware", "--board", "/", "--model", options_.model}, kLog);
+  watch_.mayLackHeaders(false);
   const double begun = nowMs();
   while (access(kHardwareSocket, F_OK) != 0) {
     if (nowMs() - begun > kHardwareMs) return report_->broken("the hardware does not start", "");
     sleepMs(1);
   }
+}
+
+// The drivers have nothing to say of the picture that they still had, nor of others, until there is
+// hardware again.
+void CameraLife::killHardware() {
+  watch_.mayLackHeaders(true);
+  killChild(hardware_);
+  hardware_ = -1;
 }
 
 void CameraLife::writeEvents() const {
@@ -142,8 +151,7 @@ void CameraLife::something() {
   if (what == 5 && !struck_) {
     faults_.strike();
     if (faults_.hardwareDies() && hardware_ > 0) {
-      killChild(hardware_);
-      hardware_ = -1;
+      killHardware();
     }
     struck_ = true;
   }
@@ -156,8 +164,7 @@ void CameraLife::something() {
   }
   if (what == 7 && hardware_ > 0 && moments_.chance(30)) {
     report_->count("kills-of-peers");
-    killChild(hardware_);
-    hardware_ = -1;
+    killHardware();
   }
 }
 

@@ -53,6 +53,7 @@ class CameraLife {
   void startPeers();
   void startSocmond();
   void startHardware();
+  void killHardware();
   void startReader(Reader* reader);
   void lead(double ms);  // lets the life go on for so long, with all that happens in it
   void something();      // lets one thing happen

@@ -27,6 +27,10 @@ class FrameWatch {
   // thread.
   long behind(const std::string& bytes) const;
 
+  // Whether frames may come whose stream header is all zeros, as it is when the driver fails; they
+  // are not judged. Any thread.
+  void mayLackHeaders(bool may) { mayLackHeaders_ = may; }
+
   // Judges a file of a sensor camera on its own: a JPEG picture, or a header and a key picture. Any
   // thread.
   static bool isPicture(const std::string& content);
@@ -59,5 +63,6 @@ class FrameWatch {
   mutable std::mutex mutex_;
   std::deque<Seen> seen_;  // of the last seconds
   std::atomic<bool> over_{false};
+  std::atomic<bool> mayLackHeaders_{false};
   std::thread thread_;
 };
