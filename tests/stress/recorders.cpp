@@ -15,6 +15,7 @@
 #include "record/jpg_writer.h"
 #include "record/recorder.h"
 #include "tests/fakes/fake_platform.h"
+#include "tests/slow_build.h"
 
 namespace {
 
@@ -23,7 +24,7 @@ using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
 constexpr unsigned kTimeFactor = 500;  // of the fake clock
-constexpr int kRounds = 1000;
+constexpr int kRounds = 1000 / kSlow;
 
 // A camera whose mode any thread changes.
 class ModalCamera : public TCamera {

@@ -11,6 +11,7 @@
 
 #include "schedule/scheduler.h"
 #include "tests/fakes/fake_platform.h"
+#include "tests/slow_build.h"
 
 struct SchedulerAccess {
   static const std::vector<TAlarm>& alarms(const TScheduler& scheduler) {
@@ -74,7 +75,7 @@ struct Counter {
 };
 
 TEST_F(AlarmThreads, TwoThreadsThatArmAtTheSameInstantBothSucceed) {
-  constexpr int kRounds = 3000;
+  constexpr int kRounds = 3000 / kSlow;
   TScheduler scheduler(2);
   Meeting meeting(2);
   const auto arm = [&] {
@@ -92,7 +93,7 @@ TEST_F(AlarmThreads, TwoThreadsThatArmAtTheSameInstantBothSucceed) {
 }
 
 TEST_F(AlarmThreads, ThreadsThatArmForOneOwnerGiveItOneAlarmWhileSlotsChangeHands) {
-  constexpr int kRounds = 400;
+  constexpr int kRounds = 400 / kSlow;
   constexpr int kSlots = 30;
   TScheduler scheduler(kSlots);
   Counter owner;
@@ -140,7 +141,7 @@ struct Checked {
 
 TEST_F(AlarmThreads, CallbackAndOwnerAlwaysBelongTogetherAndNothingCallsACancelledOwner) {
   constexpr int kThreads = 4;
-  constexpr int kRounds = 1500;
+  constexpr int kRounds = 1500 / kSlow;
   const TAlarm::Callback callbacks[] = {Checked::call<0>, Checked::call<1>, Checked::call<2>};
   TScheduler scheduler(3);  // fewer than threads: slots change hands all the time
   begin(scheduler);
@@ -182,7 +183,8 @@ struct Held {
 };
 
 TEST_F(AlarmThreads, ACancellationWaitsForTheCallbackThatRuns) {
-  for (int round = 0; round < 20; ++round) {
+  constexpr int kRounds = 20 / kSlow;
+  for (int round = 0; round < kRounds; ++round) {
     TScheduler scheduler(1);
     Held owner;
     ASSERT_TRUE(scheduler.alarm(&owner, 1, Held::call));
