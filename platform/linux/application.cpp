@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <malloc.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/stat.h>
@@ -93,8 +94,8 @@ long threads() {
 // end of the process frees what they keep for all: the two must not meet.
 void awaitThreads(long others) {
   constexpr int kLooks = 100;
-  constexpr useconds_t kLookUs = 1000;
-  for (int looks = 0; looks < kLooks && threads() > others; ++looks) usleep(kLookUs);
+  constexpr int kLookMs = 1;
+  for (int looks = 0; looks < kLooks && threads() > others; ++looks) poll(nullptr, 0, kLookMs);
 }
 
 int runHooks(TApplication& application) {

@@ -11,13 +11,14 @@
 
 life_s=15          # of a camera with faults; start, end and what is looked at come on top
 fault_ms=5         # between two faults
-fault_breaches=0 starts=0 lives=0
+fault_breaches=0 starts=0 lives=0 first_breach=''
 
 faults() { "$build/tests/torture/calls/fault_table" "$board/tmp/faults" "$@"; }
 
 # breach WHAT: what was seen, and what had failed since all was well.
 breach() {
   fault_breaches=$((fault_breaches + 1))
+  first_breach=${first_breach:-": $1 ($doing)"}
   echo "BREACH: $1 ($doing)"
   faults faults "$good_until" "$build/core/video_svr" | grep -v 'log.cpp:' | tail -n 60
   echo "--- log"
@@ -273,5 +274,5 @@ report() {
   [ -z "${VS_FAULT_TABLE:-}" ] || cp "$board/tmp/faults" "$VS_FAULT_TABLE"
   judge [ "$fault_breaches" -eq 0 ] -- "every system call may fail: no crash, no leak, the next event records" \
     "$injected faults in $SECONDS s, $((injected * 60 / (SECONDS + 1))) a minute; $starts starts, $lives lives" \
-    "$fault_breaches breaches; $tried of $known pairs of place and error, $places places, $calls calls"
+    "$fault_breaches breaches$first_breach; $tried of $known pairs of place and error, $places places, $calls calls"
 }
