@@ -21,6 +21,11 @@ breach() {
   first_breach=${first_breach:-": $1 ($doing)"}
   echo "BREACH: $1 ($doing)"
   faults faults "$good_until" "$build/core/video_svr" | grep -v 'log.cpp:' | tail -n 60
+  if ! is_gone "$daemon"; then
+    echo "--- camera"
+    camctl status 2>&1 || true
+    tail -qn +1 "/proc/$daemon/task/"*/{comm,stack} 2>/dev/null || true
+  fi
   echo "--- log"
   tail -n 25 "$log"
   { sanitizer_reports || true; } | head -n 80
@@ -213,8 +218,9 @@ live() {
   if is_gone "$daemon"; then
     breach "the camera is dead"
   else
-    # A header that could not be fetched waits for the next change of the picture.
-    [ -z "$hardware" ] || camctl set resolution 8
+    # An encoder alone records in mode 0 only, and a header that could not be fetched waits for the next
+    # change of the picture.
+    [ -z "$hardware" ] || { camctl set mode 0 && camctl set resolution 8; }
     if ! works say; then
       camctl reload
       works quiet || breach "not even after a reload:$undone"
