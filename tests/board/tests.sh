@@ -39,7 +39,7 @@ test_the_end_of_a_daemon_is_told() {
   eventually 5 is_gone "$daemon_box"
   see_daemon
   expect "$daemon_state" 'was ended by SIGKILL' "afterwards"
-  rm -r "$board/dev/shm/camera"  # so that frames are of the next one, which hears the signal by then
+  rm -rf "$board/dev/shm/camera"  # so that frames are of the next one, which hears the signal by then
   start_daemon
   eventually 10 has_frames
   stop_daemon
